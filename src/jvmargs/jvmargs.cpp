@@ -1,0 +1,79 @@
+#include "jvmargs/jvmargs.h"
+
+#include <array>
+#include <cstdint>
+#include <iterator>
+
+#include "jvmargs/executable_path.h"
+
+namespace launcher {
+
+namespace {
+
+const std::string BRAND = "Orvane";
+const std::string SERVICE_CONTENTS = "/Applications/" + BRAND +
+                                     ".app/Contents/Library/LaunchServices/" + BRAND +
+                                     "Service.app/Contents";
+const std::string DATA_DIR = "/Library/Application Support/Quillrest";
+
+/// systemPath itself, or the same path inside the home folder of a per-user run.
+std::string installPath(bool isSystemInstall, const std::string& systemPath) {
+    return isSystemInstall ? systemPath : getUserSpecificPath("/Users/", systemPath, "/");
+}
+
+}  // namespace
+
+std::string getExeDir() {
+    std::array<char, 1024> buffer{};
+    std::uint32_t size = buffer.size();
+    getExecutablePath(buffer.data(), &size);
+    const std::string path = buffer.data();
+    return path.substr(0, path.find_last_of("/\\"));
+}
+
+std::string getUserSpecificPath(const std::string& root, const std::string& suffix,
+                                const std::string& separators) {
+    const std::string exeDir = getExeDir();
+    // Unsigned on purpose: npos + size() is size() - 1.
+    const std::string rest = exeDir.substr(exeDir.find(root) + root.size());
+    return root + rest.substr(0, rest.find_first_of(separators)) + suffix;
+}
+
+std::string getJVMArgsFilePath(bool isSystemInstall) {
+    return installPath(isSystemInstall, DATA_DIR + "/conf/jvm_args");
+}
+
+std::vector<std::string> getDefaultJVMArgs(bool isSystemInstall) {
+    const std::string contents = installPath(isSystemInstall, SERVICE_CONTENTS);
+    const std::string data = installPath(isSystemInstall, DATA_DIR);
+    std::string options[] = {
+        "-Dsun.jnu.encoding=UTF-8",
+        "-Dfile.encoding=UTF-8",
+        "-Dsun.net.inetaddr.ttl=300",
+        "-Dnetworkaddress.cache.ttl=300",
+        "-Dsun.net.inetaddr.negative.ttl=0",
+        "-Dnetworkaddress.cache.negative.ttl=0",
+        "-Dapp=" + BRAND + "Service",
+        "-DappBaseName=" + BRAND,
+        "-Djna.nosys=true",
+        "-Djava.awt.headless=true",
+        "-D" + BRAND + "=" + BRAND,
+        "-Dnashorn.args=--no-deprecation-warning",
+        "-Dorv.installation.enforcement.enabled=true",
+        "-XX:-ShrinkHeapInSteps",
+        "-XX:MaxHeapFreeRatio=30",
+        "-XX:MinHeapFreeRatio=15",
+        "-Xmn10m",
+        "-Dorv.log.config=" + contents + "/Resources/conf/service.log.xml",
+        "-Dorv.service.bin.path=" + contents + "/Resources/bin",
+        "-Djava.library.path=" + contents + "/Frameworks",
+        "-Djna.library.path=" + contents + "/Frameworks",
+        "-Dorv.config.defaultPath=" + contents + "/Resources/conf",
+        "-Dorv.service.upgrade.path=" + data + "/upgrade",
+    };
+    // An initializer list would copy them all.
+    return {std::make_move_iterator(std::begin(options)),
+            std::make_move_iterator(std::end(options))};
+}
+
+}  // namespace launcher

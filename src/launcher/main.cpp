@@ -1,0 +1,160 @@
+/// The launcher's run, from argv to the exit status, on the process's only thread:
+///
+///   1. argv, less the program name, becomes the command line.
+///   2. The command line decides the install mode, which is printed at once.
+///   3. What is left of the command line are the application arguments; any other
+///      option is refused and ends the process with status 1.
+///   4. The VM options are the built-in defaults, the admitted lines of the override
+///      file and, per user, the install marker; a refused line ends the process too.
+///   5. Both lists are printed.
+///   6. The VM is created, the service's main is found, called and waited for, and the
+///      VM is destroyed. Only here are the VM's errors caught.
+///
+/// Nothing is written to disk, no environment variable is read, and the working
+/// directory stays as it was: the class path and the run path are relative to it.
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "jvm/jvm.h"
+#include "jvmargs/jvmargs.h"
+
+namespace {
+
+const std::string USER_INSTALL_ARG = "-Duser.install=1";
+const std::string SYS_INSTALL_ARG = "-Duser.install=0";
+
+/// What a line of the override file may begin with.
+const std::vector<std::string> WHITE_LIST_FILE_ARGS = {
+    "-Xmx",
+    "-Djava.net.preferIPv4Stack=",
+    "-Dorv.security.mode=",
+};
+
+/// True for a per-user run. The system-wide switch decides nothing.
+bool isUserInstall(const std::vector<std::string>& commandLine) {
+    return std::count(commandLine.begin(), commandLine.end(), USER_INSTALL_ARG) != 0;
+}
+
+/// The arguments meant for the service: the command line less the install switches.
+/// Any other argument that begins with "-" is reported and ends the process, status 1.
+std::vector<std::string> parseAppArgs(const std::vector<std::string>& commandLine) {
+    std::vector<std::string> appArgs;
+    for (const std::string& arg : commandLine) {
+        if (arg == USER_INSTALL_ARG || arg == SYS_INSTALL_ARG) {
+            continue;
+        }
+        if (arg.starts_with('-')) {
+            std::cerr << "Illegal argument encountered: '" << arg << "'." << std::endl;
+            std::exit(EXIT_FAILURE);
+        }
+        appArgs.push_back(arg);
+    }
+    return appArgs;
+}
+
+bool isArgInWhiteList(const std::string& arg) {
+    return std::any_of(WHITE_LIST_FILE_ARGS.begin(), WHITE_LIST_FILE_ARGS.end(),
+                       [&arg](const std::string& prefix) { return arg.starts_with(prefix); });
+}
+
+/// The lines of the override file, each a whole option, byte for byte. Empty if the file
+/// cannot be opened; a read error counts as its end. A line outside the white list is
+/// reported and ends the process, status 1.
+std::vector<std::string> getJVMArgsFromFile(bool isUser) {
+    std::vector<std::string> fileArgs;
+    std::ifstream file(launcher::getJVMArgsFilePath(!isUser));
+    if (!file.is_open()) {
+        return fileArgs;
+    }
+    std::cout << "jvm_args file found, loading arguments" << std::endl;
+    // Without it, getline would take an allocation failure for the end of the file.
+    file.exceptions(std::ios_base::badbit);
+    try {
+        std::string line;
+        while (std::getline(file, line)) {
+            if (!isArgInWhiteList(line)) {
+                std::cerr << "Invalid parameter found inside jvm_args file: '" << line << "'"
+                          << std::endl;
+                std::exit(EXIT_FAILURE);
+            }
+            fileArgs.push_back(line);
+        }
+    } catch (const std::ios_base::failure&) {
+        // A read error.
+    }
+    return fileArgs;
+}
+
+/// The VM's options in order: defaults, override file, marker of a per-user run.
+std::vector<std::string> getJVMArgs(bool isUser) {
+    std::vector<std::string> defaults = launcher::getDefaultJVMArgs(!isUser);
+    std::vector<std::string> jvmArgs = getJVMArgsFromFile(isUser);
+    // In front: behind the defaults, any number of lines would move to new memory.
+    jvmArgs.insert(jvmArgs.begin(), std::make_move_iterator(defaults.begin()),
+                   std::make_move_iterator(defaults.end()));
+    if (isUser) {
+        jvmArgs.push_back(USER_INSTALL_ARG);
+    }
+    return jvmArgs;
+}
+
+/// Writes each element and a line feed to standard output, without a flush.
+constexpr struct {
+    void operator()(const std::vector<std::string>& list) const {
+        std::copy(list.begin(), list.end(), std::ostream_iterator<std::string>(std::cout, "\n"));
+    }
+} print;
+
+void printJVMAndAppArgs(const std::vector<std::string>& jvmArgs,
+                        const std::vector<std::string>& appArgs) {
+    std::cout << "JVM arguments in use: \n";
+    print(jvmArgs);
+    std::cout << "Arguments in use: \n";
+    print(appArgs);
+    std::cout << std::endl;
+}
+
+}  // namespace
+
+namespace launcher {
+
+void printUserLevel(bool isUser);
+
+void printUserLevel(bool isUser) {
+    std::cout << "Launching as " << (isUser ? "user" : "system") << std::endl;
+}
+
+}  // namespace launcher
+
+int main(int argc, char* argv[]) {
+    const std::vector<std::string> commandLine(argv + 1, argv + argc);
+    const bool isUser = isUserInstall(commandLine);
+    launcher::printUserLevel(isUser);
+    const std::vector<std::string> appArgs = parseAppArgs(commandLine);
+    const std::vector<std::string> jvmArgs = getJVMArgs(isUser);
+    printJVMAndAppArgs(jvmArgs, appArgs);
+
+    const launcher::JMethod serviceMain{"com/vaultory/service/QRService", "main",
+                                        "([Ljava/lang/String;)V"};
+    try {
+        launcher::JVM jvm(jvmArgs,
+                          "-Djava.class.path=../Resources/lib/com.vaultory.desktop.jar"
+                          ":../Resources/lang");
+        const std::uint64_t id = jvm.registerMethod(serviceMain);
+        std::cout << "Starting service." << std::endl;
+        jvm.callJMethod(id, appArgs);
+        std::cout << "Service is complete." << std::endl;
+    } catch (const std::runtime_error& error) {
+        std::cerr << "Error while interacting with the JVM: \n" << error.what() << std::endl;
+        return EXIT_FAILURE;
+    }
+    return EXIT_SUCCESS;
+}
