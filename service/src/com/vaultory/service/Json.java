@@ -1,0 +1,56 @@
+package com.vaultory.service;
+
+import java.util.List;
+import java.util.Map;
+
+/** A report as one line of JSON in pure ASCII, so that strings can be compared exactly. */
+final class Json {
+    private Json() {}
+
+    static String of(Object value) {
+        StringBuilder json = new StringBuilder();
+        append(json, value);
+        return json.toString();
+    }
+
+    private static void append(StringBuilder json, Object value) {
+        String comma = "";
+        if (value instanceof Map) {
+            json.append('{');
+            for (Map.Entry<?, ?> entry : ((Map<?, ?>) value).entrySet()) {
+                json.append(comma);
+                append(json, entry.getKey());
+                json.append(": ");
+                append(json, entry.getValue());
+                comma = ", ";
+            }
+            json.append('}');
+        } else if (value instanceof List) {
+            json.append('[');
+            for (Object element : (List<?>) value) {
+                json.append(comma);
+                append(json, element);
+                comma = ", ";
+            }
+            json.append(']');
+        } else if (value instanceof String) {
+            quote(json, (String) value);
+        } else {
+            json.append(value);
+        }
+    }
+
+    private static void quote(StringBuilder json, String text) {
+        json.append('"');
+        for (char c : text.toCharArray()) {
+            if (c == '"' || c == '\\') {
+                json.append('\\').append(c);
+            } else if (c < ' ' || c > '~') {
+                json.append(String.format("\\u%04x", (int) c));
+            } else {
+                json.append(c);
+            }
+        }
+        json.append('"');
+    }
+}

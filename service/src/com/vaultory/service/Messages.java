@@ -1,0 +1,31 @@
+package com.vaultory.service;
+
+import java.util.MissingResourceException;
+import java.util.ResourceBundle;
+
+/** The texts of the lang folder, which is on the class path; a text's key where there is none. */
+final class Messages {
+    static final String FILE = "messages";
+
+    private final ResourceBundle bundle;
+
+    private Messages(ResourceBundle bundle) {
+        this.bundle = bundle;
+    }
+
+    static Messages load() {
+        try {
+            return new Messages(ResourceBundle.getBundle(FILE));
+        } catch (MissingResourceException missing) {
+            return new Messages(null);
+        }
+    }
+
+    boolean found() {
+        return bundle != null;
+    }
+
+    String get(String key) {
+        return bundle != null && bundle.containsKey(key) ? bundle.getString(key) : key;
+    }
+}

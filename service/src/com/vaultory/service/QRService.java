@@ -1,0 +1,85 @@
+package com.vaultory.service;
+
+import java.io.FileDescriptor;
+import java.io.FileOutputStream;
+import java.io.PrintStream;
+import java.io.UnsupportedEncodingException;
+
+/**
+ * The sample service, in the place of a vendor's own. Its first argument says what it does; with
+ * none, or one it does not know, it reports what the launcher handed it.
+ */
+public final class QRService {
+    private static final long DEFAULT_SECONDS = 10;
+
+    private QRService() {}
+
+    public static void main(String[] args) throws Exception {
+        PrintStream out = utf8(FileDescriptor.out);
+        Messages messages = Messages.load();
+        String word = args.length > 0 ? args[0] : "";
+        if (word.equals("json")) {
+            out.println(Json.of(Report.collect(args, messages)));
+        } else if (word.equals("stay")) {
+            stay(seconds(args), out, messages);
+        } else if (word.equals("linger")) {
+            linger(seconds(args), out, messages);
+        } else if (word.equals("throw")) {
+            throw new IllegalStateException(args.length > 1 ? args[1] : word);
+        } else if (word.equals("exit")) {
+            System.exit(args.length > 1 ? Integer.parseInt(args[1]) : 0);
+        } else if (word.equals("version")) {
+            out.println(Report.version());
+        } else if (word.equals("help")) {
+            out.println(messages.get("help"));
+        } else {
+            out.print(Text.of(Report.collect(args, messages), messages));
+        }
+    }
+
+    /** Beats until a signal ends the VM, then says so from a shutdown hook. */
+    private static void stay(long seconds, final PrintStream out, final Messages messages)
+            throws InterruptedException {
+        Runtime.getRuntime().addShutdownHook(new Thread("goodbye") {
+            @Override
+            public void run() {
+                out.println(messages.get("stay.end"));
+            }
+        });
+        out.println(messages.get("stay.begin"));
+        for (long beat = 1;; beat++) {
+            Thread.sleep(seconds * 1000);
+            out.println(messages.get("stay.beat") + " " + beat);
+        }
+    }
+
+    /** Returns at once, leaving a thread behind that keeps the VM up for the given time. */
+    private static void linger(final long seconds, final PrintStream out,
+            final Messages messages) {
+        out.println(messages.get("linger.begin"));
+        new Thread("lingering") {
+            @Override
+            public void run() {
+                try {
+                    Thread.sleep(seconds * 1000);
+                } catch (InterruptedException interrupted) {
+                    return;
+                }
+                out.println(messages.get("linger.end"));
+            }
+        }.start();
+    }
+
+    private static long seconds(String[] args) {
+        return args.length > 1 ? Long.parseLong(args[1]) : DEFAULT_SECONDS;
+    }
+
+    /** The VM's own stream would follow the environment's encoding. */
+    private static PrintStream utf8(FileDescriptor descriptor) {
+        try {
+            return new PrintStream(new FileOutputStream(descriptor), true, "UTF-8");
+        } catch (UnsupportedEncodingException impossible) {
+            throw new AssertionError(impossible);
+        }
+    }
+}
