@@ -1,0 +1,83 @@
+# Sourced by the other scripts, from any folder: strict mode, the project's root as the
+# working directory, and how a step is announced and a missing tool installed.
+# shellcheck shell=bash
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+say() { printf '%s\n' "$*" >&2; }
+die() { say "$(basename "$0"): $*"; exit 1; }
+
+# step TEXT COMMAND...: says what is done and how long it took; shows the output of a
+# command that failed, and ends the script with its status.
+step() {
+    local text=$1 log start=$SECONDS status=0
+    shift
+    mkdir -p build/log
+    log=build/log/$(printf '%s' "$text" | tr -cs 'A-Za-z0-9' -).log
+    "$@" >"$log" 2>&1 </dev/null || status=$?
+    if [ $status -ne 0 ]; then
+        cat "$log" >&2
+        say "$text: failed with status $status after $((SECONDS - start)) s; the output above is in $log"
+        exit $status
+    fi
+    say "$text: $((SECONDS - start)) s"
+}
+
+as_root() { if [ "$(id -u)" = 0 ]; then "$@"; else sudo "$@"; fi; }
+
+# need THING:PACKAGE...: each THING is a program on the path or an absolute path; what is
+# missing is installed from Debian's PACKAGE, or named where there is no apt-get.
+need() {
+    local missing=() pair thing
+    for pair in "$@"; do
+        thing=${pair%%:*}
+        case $thing in
+            /*) [ -e "$thing" ] || missing+=("${pair#*:}") ;;
+            *) command -v "$thing" >/dev/null || missing+=("${pair#*:}") ;;
+        esac
+    done
+    [ ${#missing[@]} -gt 0 ] || return 0
+    command -v apt-get >/dev/null || die "not installed here: ${missing[*]}; install and call again"
+    step "Fetching the package lists" as_root apt-get update
+    step "Installing ${missing[*]}" as_root env DEBIAN_FRONTEND=noninteractive \
+        apt-get install -y --no-install-recommends "${missing[@]}"
+}
+
+need_build_tools() {
+    if [ "$(uname)" = Darwin ]; then
+        xcode-select -p >/dev/null 2>&1 || die "no compiler: run xcode-select --install"
+        /usr/libexec/java_home >/dev/null 2>&1 || die "no JDK: install one, 11 or later, and call again"
+        command -v cmake >/dev/null || die "no cmake: install 3.25 or later and call again"
+    else
+        local jdk=()
+        [ -n "${JAVA_HOME:-}" ] || jdk=(jlink:openjdk-17-jdk-headless)
+        need g++:g++ make:make cmake:cmake python3:python3 "${jdk[@]}"
+    fi
+}
+
+need_test_tools() {
+    [ "$(uname)" = Darwin ] || need bwrap:bubblewrap strace:strace readelf:binutils \
+        /usr/lib/python3/dist-packages/yaml/__init__.py:python3-yaml \
+        /usr/share/java/hsqldb.jar:libhsqldb-java \
+        /usr/include/gtest/gtest.h:libgtest-dev
+}
+
+# clang++, with the runtimes of its sanitizers and of libFuzzer.
+need_clang() {
+    local runtimes=/usr/lib/llvm-14/lib/clang/14.0.6/lib/linux
+    need clang++:clang "$runtimes/libclang_rt.fuzzer-$(uname -m).a:libclang-rt-14-dev"
+}
+
+# build PRESET: configures where that has not been done, and builds.
+build() {
+    [ -f "build/$1/Makefile" ] || [ -f "build/$1/build.ninja" ] ||
+        step "Configuring $1" cmake --preset "$1"
+    step "Building $1" cmake --build --preset "$1"
+}
+
+# pack PRESET: installs what was built and makes the archive of it.
+pack() {
+    rm -rf "build/$1/Applications"
+    step "Installing $1" cmake --install "build/$1" --prefix "$PWD/build/$1/Applications"
+    step "Packing $1" cpack --preset "$1"
+}
