@@ -1,0 +1,448 @@
+#include "jvm/jvm.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <iostream>
+#include <memory>
+#include <new>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <type_traits>
+#include <typeinfo>
+#include <vector>
+
+#include "runtime.h"
+
+namespace {
+
+using Strings = std::vector<std::string>;
+using launcher::JMethod;
+using launcher::JVM;
+
+const std::string CREATE = "JNI_CreateJavaVM(version=0x10008, ignoreUnrecognized=0, nOptions=";
+const std::string CREATED_BARE = CREATE + R"(1, ["-cp"]) = env#1)";
+const std::string DESTROYED = "DestroyJavaVM() = 0";
+const JMethod RUN{"a/Runner", "run", "([Ljava/lang/String;)V"};
+const std::string RUN_NOTICE =
+    "Method already registered. \n\tParent class 'a/Runner'\n\tMethod 'run'"
+    "\n\tSignature '([Ljava/lang/String;)V'\n";
+
+/// Keeps what is written to a stream, and counts its flushes.
+class Console : public std::stringbuf {
+public:
+    int flushes = 0;
+
+private:
+    int sync() override {
+        ++flushes;
+        return std::stringbuf::sync();
+    }
+};
+
+/// Every test begins with a fresh runtime and has standard output to itself.
+class JvmTest : public testing::Test {
+protected:
+    JvmTest() { runtime::reset(); }
+    ~JvmTest() override { std::cout.rdbuf(terminal); }
+
+    std::string printed() const { return console.str(); }
+    int flushes() const { return console.flushes; }
+
+private:
+    Console console;
+    std::streambuf* terminal = std::cout.rdbuf(&console);
+};
+
+using Lifecycle = JvmTest;
+using Registry = JvmTest;
+using Invocation = JvmTest;
+
+std::string errorOf(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const std::runtime_error& error) {
+        EXPECT_EQ(typeid(error), typeid(std::runtime_error));
+        return error.what();
+    }
+    return "no error";
+}
+
+/// What is recorded while RUN, the VM's only method, is called with the arguments.
+Strings callsWith(const Strings& arguments) {
+    JVM jvm({}, "-cp");
+    const std::uint64_t id = jvm.registerMethod(RUN);
+    const auto before = static_cast<std::ptrdiff_t>(runtime::calls().size());
+    jvm.callJMethod(id, arguments);
+    return Strings(runtime::calls().begin() + before, runtime::calls().end());
+}
+
+TEST_F(Lifecycle, The_class_path_is_the_first_option_and_the_list_follows_in_order) {
+    { const JVM jvm({"-b", "-a", "-b"}, "-cp"); }
+    EXPECT_EQ(runtime::calls(),
+              (Strings{CREATE + R"(4, ["-cp", "-b", "-a", "-b"]) = env#1)", DESTROYED}));
+    EXPECT_EQ(printed(), "");
+}
+
+TEST_F(Lifecycle, An_empty_list_leaves_the_class_path_alone) {
+    { const JVM jvm({}, "-cp"); }
+    EXPECT_EQ(runtime::calls(), (Strings{CREATED_BARE, DESTROYED}));
+}
+
+TEST_F(Lifecycle, Empty_options_are_handed_over_an_empty_class_path_included) {
+    { const JVM jvm({"", "-a", ""}, ""); }
+    EXPECT_EQ(runtime::calls(), (Strings{CREATE + R"(4, ["", "", "-a", ""]) = env#1)", DESTROYED}));
+}
+
+TEST_F(Lifecycle, Options_are_handed_over_byte_for_byte) {
+    { const JVM jvm({" -Xmx1g\t\r", "a\nb", "\xff\xfe\x80", "\"\\"}, "no prefix is added"); }
+    EXPECT_EQ(runtime::calls(),
+              (Strings{CREATE + R"(5, ["no prefix is added", " -Xmx1g\x09\x0d", "a\x0ab", )"
+                                R"("\xff\xfe\x80", "\"\\"]) = env#1)",
+                       DESTROYED}));
+}
+
+TEST_F(Lifecycle, Thousands_of_options_short_and_long_are_handed_over) {
+    Strings options;
+    std::string list;
+    for (int i = 0; i < 3000; ++i) {
+        options.push_back(std::to_string(i) + std::string(i % 100 == 0 ? 70000U : 0U, 'x'));
+        list.append(", \"").append(options.back()).append("\"");
+    }
+    { const JVM jvm(options, "-cp"); }
+    EXPECT_EQ(runtime::calls(),
+              (Strings{CREATE + "3001, [\"-cp\"" + list + "]) = env#1", DESTROYED}));
+}
+
+TEST_F(Lifecycle, The_callers_options_are_left_as_they_were) {
+    Strings options{"-a", "-an option too long for a string to keep within itself"};
+    std::string classPath = "-a class path too long for a string to keep within itself";
+    const Strings optionsBefore = options;
+    const std::string classPathBefore = classPath;
+    const JVM jvm(options, classPath);
+    EXPECT_EQ(options, optionsBefore);
+    EXPECT_EQ(classPath, classPathBefore);
+}
+
+TEST_F(Lifecycle, The_callers_options_may_change_and_go_once_the_vm_is_there) {
+    auto options = std::make_unique<Strings>(Strings{"-a", "-b"});
+    JVM jvm(*options, std::string("-cp"));
+    options->front() = "-changed";
+    options.reset();
+    jvm.registerMethod(RUN);
+    EXPECT_EQ(runtime::calls().front(), CREATE + R"(3, ["-cp", "-a", "-b"]) = env#1)");
+}
+
+TEST_F(Lifecycle, A_vm_that_cannot_be_created_is_an_error_with_the_code_and_is_not_destroyed) {
+    for (const int code : {-1, -6, 1, -2147483647 - 1, 2147483647}) {
+        runtime::reset({.createStatus = code});
+        EXPECT_EQ(errorOf([] { const JVM jvm({}, "-cp"); }),
+                  "Error creating JVM: " + std::to_string(code));
+        EXPECT_EQ(runtime::calls(), (Strings{CREATE + R"(1, ["-cp"]) = )" + std::to_string(code)}));
+    }
+    EXPECT_EQ(printed(), "");
+}
+
+TEST_F(Lifecycle, A_vm_that_cannot_be_destroyed_goes_unnoticed) {
+    runtime::reset({.destroyStatus = JNI_ERR});
+    { const JVM jvm({}, "-cp"); }
+    EXPECT_EQ(runtime::calls(), (Strings{CREATED_BARE, "DestroyJavaVM() = -1"}));
+}
+
+TEST_F(Lifecycle, A_vm_is_destroyed_without_detaching_while_an_error_unwinds) {
+    EXPECT_EQ(errorOf([] {
+                  const JVM jvm({}, "-cp");
+                  throw std::runtime_error("unrelated");
+              }),
+              "unrelated");
+    EXPECT_EQ(runtime::calls(), (Strings{CREATED_BARE, DESTROYED}));
+}
+
+TEST_F(Lifecycle, A_detached_vm_is_destroyed_and_nothing_else) {
+    {
+        JVM jvm({}, "-cp");
+        jvm.detachCurrentThread();
+    }
+    EXPECT_EQ(runtime::calls(), (Strings{CREATED_BARE, "DetachCurrentThread() = 0", DESTROYED}));
+}
+
+TEST_F(Lifecycle, After_attaching_the_threads_own_env_is_used) {
+    JVM jvm({}, "-cp");
+    jvm.attachCurrentThread();
+    jvm.registerMethod(RUN);
+    EXPECT_EQ(runtime::calls(),
+              (Strings{CREATED_BARE, "AttachCurrentThread(null) = env#2",
+                       R"(env#2: FindClass("a/Runner") = class#1)",
+                       R"(env#2: GetStaticMethodID(class#1, "run", "([Ljava/lang/String;)V"))"
+                       " = method#1"}));
+}
+
+TEST_F(Lifecycle, A_thread_that_cannot_attach_or_detach_goes_unnoticed_and_keeps_its_env) {
+    runtime::reset({.attachStatus = JNI_ERR, .detachStatus = JNI_EDETACHED});
+    JVM jvm({}, "-cp");
+    jvm.attachCurrentThread();
+    jvm.detachCurrentThread();
+    jvm.registerMethod(RUN);
+    EXPECT_EQ(runtime::calls(),
+              (Strings{CREATED_BARE, "AttachCurrentThread(null) = -1", "DetachCurrentThread() = -2",
+                       R"(env#1: FindClass("a/Runner") = class#1)",
+                       R"(env#1: GetStaticMethodID(class#1, "run", "([Ljava/lang/String;)V"))"
+                       " = method#1"}));
+}
+
+TEST_F(Lifecycle, A_vm_is_neither_copied_nor_moved) {
+    EXPECT_FALSE(std::is_copy_constructible_v<JVM>);
+    EXPECT_FALSE(std::is_copy_assignable_v<JVM>);
+    EXPECT_FALSE(std::is_move_constructible_v<JVM>);
+    EXPECT_FALSE(std::is_move_assignable_v<JVM>);
+}
+
+TEST(Method, The_identifier_is_the_low_half_of_the_hash_of_the_three_texts_together) {
+    EXPECT_TRUE((std::is_same_v<decltype(RUN.getHash()), std::uint32_t>));
+    for (int i = 0; i < 64; ++i) {
+        const JMethod method{"a/B", std::to_string(i), "()V"};
+        const std::size_t hash =
+            std::hash<std::string>{}(method.className + method.methodName + method.signature);
+        EXPECT_EQ(method.getHash(), hash % 4294967296U);
+    }
+}
+
+TEST(Method, It_is_an_aggregate_of_three_strings) {
+    EXPECT_TRUE(std::is_aggregate_v<JMethod>);
+    const auto& [className, methodName, signature] = RUN;
+    EXPECT_EQ((Strings{className, methodName, signature}),
+              (Strings{"a/Runner", "run", "([Ljava/lang/String;)V"}));
+}
+
+TEST_F(Registry, A_registered_method_is_looked_up_and_known_by_its_identifier) {
+    JVM jvm({}, "-cp");
+    EXPECT_EQ(jvm.registerMethod(RUN), std::uint64_t{RUN.getHash()});
+    EXPECT_EQ(runtime::calls(),
+              (Strings{CREATED_BARE, R"(env#1: FindClass("a/Runner") = class#1)",
+                       R"(env#1: GetStaticMethodID(class#1, "run", "([Ljava/lang/String;)V"))"
+                       " = method#1"}));
+    EXPECT_EQ(printed(), "");
+}
+
+TEST_F(Registry, Every_identifier_is_below_two_to_the_32nd) {
+    JVM jvm({}, "-cp");
+    for (int i = 0; i < 64; ++i) {
+        EXPECT_LT(jvm.registerMethod({"a/B", std::to_string(i), "()V"}), 4294967296U);
+    }
+    EXPECT_EQ(printed(), "");
+}
+
+TEST_F(Registry, A_method_registered_again_is_looked_up_again_reported_and_keeps_its_identifier) {
+    Strings again;
+    {
+        JVM jvm({}, "-cp");
+        const std::uint64_t id = jvm.registerMethod(RUN);
+        EXPECT_EQ(printed(), "");
+        const std::size_t before = runtime::calls().size();
+        EXPECT_EQ(jvm.registerMethod(RUN), id);
+        again.assign(runtime::calls().begin() + static_cast<std::ptrdiff_t>(before),
+                     runtime::calls().end());
+    }
+    EXPECT_EQ(again, (Strings{R"(env#1: FindClass("a/Runner") = class#2)",
+                              R"(env#1: GetStaticMethodID(class#2, "run", )"
+                              R"("([Ljava/lang/String;)V") = method#2)"}));
+    EXPECT_EQ(printed(), RUN_NOTICE);
+    EXPECT_EQ(flushes(), 1);
+}
+
+TEST_F(Registry, Methods_of_equal_text_share_an_identifier_which_calls_the_first) {
+    JVM jvm({}, "-cp");
+    const std::uint64_t id = jvm.registerMethod({"a/B", "cd", "()V"});
+    EXPECT_EQ(jvm.registerMethod({"a/Bc", "d", "()V"}), id);
+    EXPECT_EQ(printed(),
+              "Method already registered. \n\tParent class 'a/Bc'\n\tMethod 'd'"
+              "\n\tSignature '()V'\n");
+    jvm.callJMethod(id, {});
+    EXPECT_EQ(runtime::calls(),
+              (Strings{CREATED_BARE, R"(env#1: FindClass("a/B") = class#1)",
+                       R"(env#1: GetStaticMethodID(class#1, "cd", "()V") = method#1)",
+                       R"(env#1: FindClass("a/Bc") = class#2)",
+                       R"(env#1: GetStaticMethodID(class#2, "d", "()V") = method#2)",
+                       "AttachCurrentThread(null) = env#2",
+                       R"(env#2: FindClass("java/lang/String") = class#3)",
+                       R"(env#2: NewStringUTF("") = string#1)",
+                       "env#2: NewObjectArray(0, class#3, string#1) = array#1",
+                       "env#2: CallStaticVoidMethod(class#1, method#1, array#1 [])",
+                       "env#2: DeleteLocalRef(array#1)", "DetachCurrentThread() = 0"}));
+}
+
+TEST_F(Registry, A_missing_class_is_an_error_and_is_not_registered) {
+    runtime::reset({.missingClass = "a/Runner"});
+    JVM jvm({}, "-cp");
+    EXPECT_EQ(errorOf([&] { jvm.registerMethod(RUN); }),
+              "Class Error. Couldn't find parent class 'a/Runner'");
+    EXPECT_EQ(runtime::calls(), (Strings{CREATED_BARE, R"(env#1: FindClass("a/Runner") = null)"}));
+    EXPECT_NE(errorOf([&] { jvm.callJMethod(RUN.getHash(), {}); }), "no error");
+    EXPECT_EQ(printed(), "");
+}
+
+TEST_F(Registry, A_class_without_the_static_method_is_an_error_and_is_not_registered) {
+    runtime::reset({.missingMethod = "run"});
+    JVM jvm({}, "-cp");
+    EXPECT_EQ(errorOf([&] { jvm.registerMethod(RUN); }),
+              "Couldn't find method 'run' with proper signature of '([Ljava/lang/String;)V'");
+    EXPECT_EQ(runtime::calls(),
+              (Strings{CREATED_BARE, R"(env#1: FindClass("a/Runner") = class#1)",
+                       R"(env#1: GetStaticMethodID(class#1, "run", "([Ljava/lang/String;)V"))"
+                       " = null"}));
+    EXPECT_NE(errorOf([&] { jvm.callJMethod(RUN.getHash(), {}); }), "no error");
+    EXPECT_EQ(printed(), "");
+}
+
+TEST_F(Registry, A_method_of_a_taken_identifier_can_still_be_missing) {
+    runtime::reset({.missingMethod = "d"});
+    JVM jvm({}, "-cp");
+    const std::uint64_t id = jvm.registerMethod({"a/B", "cd", "()V"});
+    EXPECT_EQ(id, (JMethod{"a/Bc", "d", "()V"}.getHash()));
+    EXPECT_EQ(errorOf([&] {
+                  jvm.registerMethod({"a/Bc", "d", "()V"});
+              }),
+              "Couldn't find method 'd' with proper signature of '()V'");
+    EXPECT_EQ(printed(), "");
+}
+
+TEST_F(Invocation, A_call_attaches_builds_the_array_calls_deletes_the_array_and_detaches) {
+    EXPECT_EQ(callsWith({"x", "y"}),
+              (Strings{"AttachCurrentThread(null) = env#2",
+                       R"(env#2: FindClass("java/lang/String") = class#2)",
+                       R"(env#2: NewStringUTF("") = string#1)",
+                       "env#2: NewObjectArray(2, class#2, string#1) = array#1",
+                       R"(env#2: NewStringUTF("x") = string#2)",
+                       "env#2: SetObjectArrayElement(array#1, 0, string#2)",
+                       R"(env#2: NewStringUTF("y") = string#3)",
+                       "env#2: SetObjectArrayElement(array#1, 1, string#3)",
+                       R"(env#2: CallStaticVoidMethod(class#1, method#1, array#1 ["x", "y"]))",
+                       "env#2: DeleteLocalRef(array#1)", "DetachCurrentThread() = 0"}));
+    EXPECT_EQ(printed(), "");
+}
+
+TEST_F(Invocation, Without_arguments_the_array_is_empty_and_not_null) {
+    EXPECT_EQ(callsWith({}),
+              (Strings{"AttachCurrentThread(null) = env#2",
+                       R"(env#2: FindClass("java/lang/String") = class#2)",
+                       R"(env#2: NewStringUTF("") = string#1)",
+                       "env#2: NewObjectArray(0, class#2, string#1) = array#1",
+                       "env#2: CallStaticVoidMethod(class#1, method#1, array#1 [])",
+                       "env#2: DeleteLocalRef(array#1)", "DetachCurrentThread() = 0"}));
+}
+
+TEST_F(Invocation, Arguments_arrive_byte_for_byte_and_in_order) {
+    const Strings calls = callsWith({" b ", "", "a b\tc\n", "\xc3\xa9\xff", "'\"\\", " b "});
+    EXPECT_EQ(calls.size(), 4U + 2 * 6 + 3);
+    EXPECT_EQ(calls.at(4 + 2 * 6),
+              R"(env#2: CallStaticVoidMethod(class#1, method#1, array#1 [" b ", "", )"
+              R"("a b\x09c\x0a", "\xc3\xa9\xff", "'\"\\", " b "]))");
+}
+
+TEST_F(Invocation, A_runtime_that_will_not_attach_or_detach_is_used_all_the_same) {
+    runtime::reset({.attachStatus = JNI_ERR, .detachStatus = JNI_ERR});
+    EXPECT_EQ(callsWith({}),
+              (Strings{"AttachCurrentThread(null) = -1",
+                       R"(env#1: FindClass("java/lang/String") = class#2)",
+                       R"(env#1: NewStringUTF("") = string#1)",
+                       "env#1: NewObjectArray(0, class#2, string#1) = array#1",
+                       "env#1: CallStaticVoidMethod(class#1, method#1, array#1 [])",
+                       "env#1: DeleteLocalRef(array#1)", "DetachCurrentThread() = -1"}));
+}
+
+TEST_F(Invocation, A_missing_string_class_goes_unnoticed) {
+    runtime::reset({.missingClass = "java/lang/String"});
+    EXPECT_EQ(callsWith({}),
+              (Strings{"AttachCurrentThread(null) = env#2",
+                       R"(env#2: FindClass("java/lang/String") = null)",
+                       R"(env#2: NewStringUTF("") = string#1)",
+                       "env#2: NewObjectArray(0, null, string#1) = array#1",
+                       "env#2: CallStaticVoidMethod(class#1, method#1, array#1 [])",
+                       "env#2: DeleteLocalRef(array#1)", "DetachCurrentThread() = 0"}));
+}
+
+TEST_F(Invocation, An_unknown_identifier_is_an_error_that_lists_the_arguments) {
+    JVM jvm({}, "-cp");
+    const std::uint64_t id = jvm.registerMethod(RUN);
+    const std::size_t before = runtime::calls().size();
+    EXPECT_EQ(
+        errorOf([&] {
+            jvm.callJMethod(id + 1, {"x", "y"});
+        }),
+        "Failed to find method. RegID: '" + std::to_string(id + 1) + "' with args:\n\tx\n\ty\n");
+    EXPECT_EQ(errorOf([&] { jvm.callJMethod(0, {}); }),
+              "Failed to find method. RegID: '0' with args:\n");
+    EXPECT_EQ(runtime::calls().size(), before);
+}
+
+TEST_F(Invocation, An_identifier_counts_with_all_its_64_bits) {
+    JVM jvm({}, "-cp");
+    const std::uint64_t id = jvm.registerMethod(RUN) + 4294967296U;
+    EXPECT_EQ(errorOf([&] { jvm.callJMethod(id, {}); }),
+              "Failed to find method. RegID: '" + std::to_string(id) + "' with args:\n");
+    EXPECT_EQ(errorOf([&] { jvm.callJMethod(18446744073709551615U, {}); }),
+              "Failed to find method. RegID: '18446744073709551615' with args:\n");
+}
+
+TEST_F(Invocation, An_error_out_of_the_method_leaves_the_array_deleted_and_the_thread_attached) {
+    runtime::reset({.error = "runtime_error CallStaticVoidMethod"});
+    EXPECT_EQ(errorOf([] { callsWith({}); }), "a runtime error");
+    const Strings& calls = runtime::calls();
+    EXPECT_EQ(Strings(calls.end() - 3, calls.end()),
+              (Strings{"env#2: CallStaticVoidMethod(class#1, method#1, array#1 [])",
+                       "env#2: DeleteLocalRef(array#1)", DESTROYED}));
+}
+
+TEST_F(Invocation, Memory_exhausted_while_the_array_is_filled_leaves_the_thread_attached) {
+    runtime::reset({.error = "bad_alloc NewStringUTF 2"});
+    EXPECT_THROW(callsWith({"x"}), std::bad_alloc);
+    const Strings& calls = runtime::calls();
+    EXPECT_EQ(Strings(calls.end() - 2, calls.end()),
+              (Strings{R"(env#2: NewStringUTF("x") = string#2)", DESTROYED}));
+}
+
+/// The env of a VM of the stand-in's own, to see what becomes of improper use.
+JNIEnv* freshEnv() {
+    JavaVM* vm = nullptr;
+    void* env = nullptr;
+    JavaVMInitArgs init{};
+    JNI_CreateJavaVM(&vm, &env, &init);
+    return static_cast<JNIEnv*>(env);
+}
+
+TEST(StandInDeathTest, Every_exception_function_ends_the_test) {
+    const auto ended = [](int slot) {
+        return "^The launcher called function " + std::to_string(slot) +
+               " of the JNI's JNIEnv table.\n$";
+    };
+    EXPECT_DEATH(freshEnv()->Throw(nullptr), ended(13));
+    EXPECT_DEATH(freshEnv()->ThrowNew(nullptr, ""), ended(14));
+    EXPECT_DEATH(freshEnv()->ExceptionOccurred(), ended(15));
+    EXPECT_DEATH(freshEnv()->ExceptionDescribe(), ended(16));
+    EXPECT_DEATH(freshEnv()->ExceptionClear(), ended(17));
+    EXPECT_DEATH(freshEnv()->FatalError(""), ended(18));
+    EXPECT_DEATH(freshEnv()->ExceptionCheck(), ended(228));
+}
+
+TEST(StandInDeathTest, Other_functions_of_either_table_end_the_test) {
+    JavaVM* vm = nullptr;
+    void* env = nullptr;
+    JavaVMInitArgs init{};
+    JNI_CreateJavaVM(&vm, &env, &init);
+    EXPECT_DEATH(freshEnv()->NewGlobalRef(nullptr), "function 21 of the JNI's JNIEnv table");
+    EXPECT_DEATH(vm->GetEnv(&env, JNI_VERSION_1_8), "function 6 of the JNI's JavaVM table");
+}
+
+TEST(StandInDeathTest, A_deleted_reference_ends_the_test) {
+    EXPECT_DEATH(
+        {
+            JNIEnv* const env = freshEnv();
+            const jclass parent = env->FindClass("a/B");
+            env->DeleteLocalRef(parent);
+            env->GetStaticMethodID(parent, "m", "()V");
+        },
+        "^The launcher used a reference that is not valid.\n$");
+}
+
+}  // namespace
