@@ -1,0 +1,116 @@
+"""What an installation consists of."""
+
+import os
+import pathlib
+import shutil
+import stat
+import subprocess
+import tempfile
+import unittest
+
+from support.bundle import APPLICATIONS, CLASS_DATA, CONTENTS
+from support.private_root import BUILD_DIR
+
+LAUNCHER = [
+    "Info.plist 644",
+    "MacOS/ 755",
+    "MacOS/OrvaneService 755",
+    "Resources/ 755",
+    "Resources/launchd/ 755",
+    "Resources/launchd/com.vaultory.service.agent.plist.in 644",
+    "Resources/launchd/com.vaultory.service.plist 644",
+    "Resources/launchd/make-agent 755",
+    "Resources/man/ 755",
+    "Resources/man/man8/ 755",
+    "Resources/man/man8/OrvaneService.8 644",
+]
+SERVICE = [
+    "Frameworks/ 755",
+    "Resources/bin/ 755",
+    "Resources/bin/service-version 755",
+    "Resources/conf/ 755",
+    "Resources/conf/service.log.xml 644",
+    "Resources/jre/ 755",
+    "Resources/lang/ 755",
+    "Resources/lang/messages.properties 644",
+    "Resources/lib/ 755",
+    "Resources/lib/com.vaultory.desktop.jar 644",
+]
+
+
+class TreeTest(unittest.TestCase):
+    maxDiff = None
+
+    def setUp(self):
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="install-", dir=BUILD_DIR))
+        self.addCleanup(shutil.rmtree, self.folder)
+
+    def install(self, *arguments, **environment):
+        """Installs the build tree and returns what it said on standard error."""
+        return subprocess.run(["cmake", "--install", BUILD_DIR, *arguments], check=True,
+                              env={**os.environ, **environment}, stdout=subprocess.DEVNULL,
+                              stderr=subprocess.PIPE, umask=0o022).stderr
+
+    def test_the_service_s_bundle_has_these_files_around_its_runtime(self):
+        self.assertEqual(listing(APPLICATIONS / CONTENTS), sorted(LAUNCHER + SERVICE))
+
+    def test_the_product_s_bundle_holds_nothing_else(self):
+        self.assertEqual(listing(APPLICATIONS, leave_out=CONTENTS + "/"), [
+            "Orvane.app/ 755",
+            "Orvane.app/Contents/ 755",
+            "Orvane.app/Contents/Info.plist 644",
+            "Orvane.app/Contents/Library/ 755",
+            "Orvane.app/Contents/Library/LaunchServices/ 755",
+            "Orvane.app/Contents/Library/LaunchServices/OrvaneService.app/ 755",
+            f"{CONTENTS}/ 755",
+        ])
+
+    def test_the_launcher_is_a_component_of_its_own(self):
+        self.assertEqual(self.install("--prefix", self.folder, "--component", "launcher"), b"")
+        self.assertEqual(listing(self.folder / CONTENTS), LAUNCHER)
+
+    def test_a_staging_folder_is_honoured(self):
+        self.install("--prefix", "/Applications", DESTDIR=str(self.folder))
+        staged = self.folder / "Applications" / CONTENTS
+        self.assertEqual(listing(staged), sorted(LAUNCHER + SERVICE))
+        self.assertTrue((staged / "Resources" / CLASS_DATA).is_file())
+
+    def test_a_second_installation_replaces_nothing(self):
+        self.install("--prefix", self.folder)
+        before = inodes(self.folder)
+        self.assertEqual(self.install("--prefix", self.folder), b"")
+        self.assertEqual(inodes(self.folder), before)
+
+    def test_class_data_that_the_VM_refuses_is_made_anew(self):
+        self.install("--prefix", self.folder)
+        data = self.folder / CONTENTS / "Resources" / CLASS_DATA
+        data.unlink()
+        data.write_bytes(b"of another runtime")
+        self.assertRegex(
+            self.install("--prefix", self.folder),
+            rb"^Running the service once: \d+ s\nArchiving the classes it used: \d+ s\n$")
+        self.assertEqual(self.install("--prefix", self.folder), b"")
+
+    def test_a_runtime_of_another_make_is_replaced_whole(self):
+        jre = self.folder / CONTENTS / "Resources/jre"
+        (jre / "lib").mkdir(parents=True)
+        (jre / "lib/modules").write_bytes(b"another")
+        (jre / "lib/left-over.so").write_bytes(b"another")
+        self.install("--prefix", self.folder, "--component", "runtime")
+        built = {path.relative_to(BUILD_DIR / "jre") for path in (BUILD_DIR / "jre").rglob("*")}
+        self.assertEqual({path.relative_to(jre) for path in jre.rglob("*")}, built)
+
+
+def listing(folder, leave_out="Resources/jre/"):
+    """The paths below, folders with a slash, and their permissions; not what begins so."""
+    lines = []
+    for path in folder.rglob("*"):
+        name = path.relative_to(folder).as_posix()
+        if not name.startswith(leave_out):
+            mode = stat.S_IMODE(path.lstat().st_mode)
+            lines.append(f"{name}{'/' * path.is_dir()} {mode:o}")
+    return sorted(lines)
+
+
+def inodes(folder):
+    return {path: (path.lstat().st_ino, path.lstat().st_mtime_ns) for path in folder.rglob("*")}

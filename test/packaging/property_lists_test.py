@@ -1,0 +1,108 @@
+"""The property lists of the installed bundle, parsed and compared whole."""
+
+import os
+import pathlib
+import plistlib
+import re
+import stat
+import subprocess
+import unittest
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+OUTER = pathlib.Path(os.environ["BUILD_DIR"]) / "Applications/Orvane.app/Contents"
+SERVICE = "Library/LaunchServices/OrvaneService.app/Contents"
+LAUNCHD = OUTER / SERVICE / "Resources/launchd"
+VERSION = re.search(r"project\(\w+ VERSION ([\d.]+)", (ROOT / "CMakeLists.txt").read_text()).group(1)
+
+
+def info(**more):
+    return {
+        "CFBundleDevelopmentRegion": "en",
+        "CFBundleInfoDictionaryVersion": "6.0",
+        "CFBundlePackageType": "APPL",
+        "CFBundleShortVersionString": VERSION,
+        "CFBundleSupportedPlatforms": ["MacOSX"],
+        "CFBundleVersion": VERSION,
+        "LSMinimumSystemVersion": "11.0",
+        "NSHumanReadableCopyright": "© Vaultory",
+        **more,
+    }
+
+
+def job(label, home, *arguments):
+    folder = f"{home}/Applications/Orvane.app/Contents/{SERVICE}/MacOS"
+    return {
+        "Label": label,
+        "ProgramArguments": [folder + "/OrvaneService", *arguments],
+        "WorkingDirectory": folder,
+        "RunAtLoad": True,
+        "KeepAlive": {"SuccessfulExit": False},
+        "ThrottleInterval": 30,
+        "ExitTimeOut": 60,
+        "ProcessType": "Standard",
+        "StandardOutPath": home + "/Library/Logs/OrvaneService.log",
+        "StandardErrorPath": home + "/Library/Logs/OrvaneService.log",
+    }
+
+
+def agent(home):
+    return job("com.vaultory.service.agent", home, "-Duser.install=1")
+
+
+class PropertyLists(unittest.TestCase):
+    def make_agent(self, *arguments):
+        """(status, standard output, standard error) of the installed make-agent"""
+        run = subprocess.run([LAUNCHD / "make-agent", *arguments], cwd="/", check=False,
+                             stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        return run.returncode, run.stdout, run.stderr.decode()
+
+    def test_the_service_bundle_is_described_as_a_background_program(self):
+        self.assertEqual(
+            info(CFBundleName="OrvaneService", CFBundleIdentifier="com.vaultory.orvane.service",
+                 CFBundleExecutable="OrvaneService", LSBackgroundOnly=True),
+            plistlib.loads((OUTER / SERVICE / "Info.plist").read_bytes()))
+
+    def test_the_outer_bundle_is_described_without_an_executable(self):
+        self.assertEqual(info(CFBundleName="Orvane", CFBundleIdentifier="com.vaultory.orvane"),
+                         plistlib.loads((OUTER / "Info.plist").read_bytes()))
+
+    def test_the_entitlements_are_the_three_and_plain_text(self):
+        text = (ROOT / "bundle/OrvaneService.entitlements").read_bytes()
+        self.assertEqual({
+            "com.apple.security.cs.allow-jit": True,
+            "com.apple.security.cs.allow-unsigned-executable-memory": True,
+            "com.apple.security.cs.disable-library-validation": True,
+        }, plistlib.loads(text))
+        self.assertTrue(text.startswith(b"<?xml "))
+        self.assertEqual([], [mark for mark in (b"\r", b"<!--") if mark in text])
+
+    def test_the_daemon_runs_the_system_wide_installation(self):
+        self.assertEqual(job("com.vaultory.service", ""),
+                         plistlib.loads((LAUNCHD / "com.vaultory.service.plist").read_bytes()))
+
+    def test_an_agent_runs_the_installation_in_its_home(self):
+        status, text, errors = self.make_agent("/Users/alice")
+        self.assertEqual((0, agent("/Users/alice"), ""), (status, plistlib.loads(text), errors))
+
+    def test_an_agent_s_home_may_have_characters_that_mean_something_elsewhere(self):
+        for home in ("/Users/a b", "/Users/a&b", "/Users/<a>", "/Users/a|b", "/Users/a\\1b",
+                     "/Users/\N{LATIN SMALL LETTER E WITH ACUTE}", "/Users/@HOME@"):
+            with self.subTest(home=home):
+                status, text, errors = self.make_agent(home)
+                self.assertEqual((0, agent(home), ""), (status, plistlib.loads(text), errors))
+
+    def test_no_agent_is_made_for_what_is_no_home_folder(self):
+        for arguments in ([], [""], ["/Users/"], ["/Users/a/"], ["/Users/a/b"], ["/home/a"],
+                          ["alice"], ["/Users/a", "/Users/b"]):
+            with self.subTest(arguments=arguments):
+                named = arguments[0] if len(arguments) == 1 else ""
+                self.assertEqual(
+                    (1, b"", f"make-agent: '{named}' is no home folder; "
+                             "call make-agent /Users/NAME\n"), self.make_agent(*arguments))
+
+    def test_only_the_owner_may_write_what_launchd_is_given(self):
+        self.assertEqual({
+            "com.vaultory.service.agent.plist.in": "-rw-r--r--",
+            "com.vaultory.service.plist": "-rw-r--r--",
+            "make-agent": "-rwxr-xr-x",
+        }, {file.name: stat.filemode(file.stat().st_mode) for file in LAUNCHD.iterdir()})
