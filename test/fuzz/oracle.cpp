@@ -1,0 +1,237 @@
+#include "oracle.h"
+
+#include <cstdio>
+#include <fstream>
+#include <string_view>
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+/// The end of a run, thrown as soon as it is known.
+struct End {
+    std::string how;
+};
+
+std::string lines(const Texts& texts) {
+    std::string all;
+    for (const auto& text : texts) all += text + '\n';
+    return all;
+}
+
+bool perUser(const Texts& commandLine) {
+    for (const auto& argument : commandLine)
+        if (argument == "-Duser.install=1") return true;
+    return false;
+}
+
+/// "" of a system-wide run, "/Users/NAME" of a per-user one.
+std::string homeOf(bool isUser, std::string_view executable) {
+    if (!isUser) return "";
+    if (executable.size() >= 1024) executable = "";
+    std::string_view directory = executable;
+    for (std::size_t end = executable.size(); end-- > 0;) {
+        if (executable[end] == '/' || executable[end] == '\\') {
+            directory = executable.substr(0, end);
+            break;
+        }
+    }
+    std::size_t name = 6;
+    for (std::size_t start = 0; start + 7 <= directory.size(); ++start) {
+        if (directory.substr(start, 7) == "/Users/") {
+            name = start + 7;
+            break;
+        }
+    }
+    if (name > directory.size()) throw End{"uncaught out_of_range"};
+    std::string home = "/Users/";
+    while (name < directory.size() && directory[name] != '/') home += directory[name++];
+    return home;
+}
+
+Texts linesOf(std::string_view content) {
+    Texts all;
+    std::string line;
+    for (const char byte : content) {
+        if (byte == '\n') {
+            all.push_back(line);
+            line.clear();
+        } else {
+            line += byte;
+        }
+    }
+    if (!line.empty()) all.push_back(line);
+    return all;
+}
+
+bool admitted(const std::string& line) {
+    return line.rfind("-Xmx", 0) == 0 || line.rfind("-Djava.net.preferIPv4Stack=", 0) == 0 ||
+           line.rfind("-Dorv.security.mode=", 0) == 0;
+}
+
+/// As the record of the runtime has it, which gets no further than a zero byte.
+std::string quote(const std::string& text) {
+    std::string result = "\"";
+    for (const char character : std::string(text.c_str())) {
+        if (character == '"' || character == '\\') result += '\\';
+        if (character >= ' ' && character <= '~') {
+            result += character;
+        } else {
+            char escaped[5];
+            std::snprintf(escaped, sizeof escaped, "\\x%02x",
+                          static_cast<unsigned>(static_cast<unsigned char>(character)));
+            result += escaped;
+        }
+    }
+    return result + '"';
+}
+
+std::string quoteAll(const Texts& texts) {
+    std::string result;
+    for (const auto& text : texts) result += (result.empty() ? "[" : ", ") + quote(text);
+    return texts.empty() ? "[]" : result + ']';
+}
+
+/// What the runtime sees of a run that got as far as its method.
+Texts invocation(const Texts& arguments) {
+    Texts calls{"AttachCurrentThread(null) = env#2",
+                "env#2: FindClass(\"java/lang/String\") = class#2",
+                "env#2: NewStringUTF(\"\") = string#1",
+                "env#2: NewObjectArray(" + std::to_string(arguments.size()) +
+                    ", class#2, string#1) = array#1"};
+    for (std::size_t i = 0; i < arguments.size(); ++i) {
+        const auto string = "string#" + std::to_string(i + 2);
+        calls.push_back("env#2: NewStringUTF(" + quote(arguments[i]) + ") = " + string);
+        calls.push_back("env#2: SetObjectArrayElement(array#1, " + std::to_string(i) + ", " +
+                        string + ")");
+    }
+    calls.push_back("env#2: CallStaticVoidMethod(class#1, method#1, array#1 " +
+                    quoteAll(arguments) + ")");
+    calls.insert(calls.end(), {"env#2: DeleteLocalRef(array#1)", "DetachCurrentThread() = 0",
+                               "DestroyJavaVM() = 0"});
+    return calls;
+}
+
+class Run {
+public:
+    Run(const Given& input, const Texts& defaultOptions, Outcome& outcome)
+        : given(input), defaults(defaultOptions), seen(outcome) {}
+
+    void go() {
+        if (!given.commandLine) throw End{"uncaught length_error"};
+        const bool isUser = perUser(*given.commandLine);
+        seen.output.push_back(isUser ? "Launching as user\n" : "Launching as system\n");
+        const Texts arguments = applicationArguments();
+        const Texts options = vmOptions(isUser);
+        seen.output.push_back("JVM arguments in use: \n" + lines(options) + "Arguments in use: \n" +
+                              lines(arguments) + '\n');
+        createVM(options);
+        findService();
+        seen.output.push_back("Starting service.\n");
+        for (auto& call : invocation(arguments)) seen.calls.push_back(call);
+        seen.output.push_back("Service is complete.\n");
+        throw End{"status 0"};
+    }
+
+private:
+    Texts applicationArguments() const {
+        Texts kept;
+        for (const auto& argument : *given.commandLine) {
+            if (argument == "-Duser.install=0" || argument == "-Duser.install=1") continue;
+            if (!argument.empty() && argument.front() == '-') {
+                refuse("Illegal argument encountered: '" + argument + "'.\n");
+            }
+            kept.push_back(argument);
+        }
+        return kept;
+    }
+
+    Texts vmOptions(bool isUser) const {
+        const std::string home = homeOf(isUser, given.executablePath);
+        Texts options;
+        for (std::string option : defaults) {
+            if (const auto mark = option.find("{home}"); mark != std::string::npos) {
+                option.replace(mark, 6, home);
+            }
+            options.push_back(option);
+        }
+        seen.opened.push_back("r " + home + "/Library/Application Support/Quillrest/conf/jvm_args");
+        if (given.overrideFile) {
+            seen.output.push_back("jvm_args file found, loading arguments\n");
+            for (const auto& line : linesOf(*given.overrideFile)) {
+                if (!admitted(line)) {
+                    refuse("Invalid parameter found inside jvm_args file: '" + line + "'\n");
+                }
+                options.push_back(line);
+            }
+        }
+        if (isUser) options.push_back("-Duser.install=1");
+        return options;
+    }
+
+    void createVM(Texts options) const {
+        options.insert(options.begin(),
+                       "-Djava.class.path=../Resources/lib/com.vaultory.desktop.jar"
+                       ":../Resources/lang");
+        const auto status = std::to_string(given.createStatus);
+        seen.calls.push_back("JNI_CreateJavaVM(version=0x10008, ignoreUnrecognized=0, nOptions=" +
+                             std::to_string(options.size()) + ", " + quoteAll(options) +
+                             ") = " + (given.createStatus == 0 ? "env#1" : status));
+        if (given.createStatus != 0) fail("Error creating JVM: " + status);
+    }
+
+    void findService() const {
+        const std::string find = "env#1: FindClass(\"com/vaultory/service/QRService\") = ";
+        const std::string get =
+            "env#1: GetStaticMethodID(class#1, \"main\", \"([Ljava/lang/String;)V\") = ";
+        seen.calls.push_back(find + (given.hasClass ? "class#1" : "null"));
+        if (!given.hasClass) {
+            seen.calls.push_back("DestroyJavaVM() = 0");
+            fail("Class Error. Couldn't find parent class 'com/vaultory/service/QRService'");
+        }
+        seen.calls.push_back(get + (given.hasMethod ? "method#1" : "null"));
+        if (!given.hasMethod) {
+            seen.calls.push_back("DestroyJavaVM() = 0");
+            fail("Couldn't find method 'main' with proper signature of '([Ljava/lang/String;)V'");
+        }
+    }
+
+    [[noreturn]] void refuse(const std::string& message) const {
+        seen.errors += message;
+        throw End{"status 1"};
+    }
+
+    [[noreturn]] void fail(const std::string& message) const {
+        refuse("Error while interacting with the JVM: \n" + message + '\n');
+    }
+
+    const Given& given;
+    const Texts& defaults;
+    Outcome& seen;
+};
+
+}  // namespace
+
+Oracle::Oracle(const std::string& defaultOptionsFile) {
+    std::ifstream file(defaultOptionsFile);
+    for (std::string line; std::getline(file, line);) defaults.push_back(line);
+}
+
+Outcome Oracle::tell(const Given& given) const {
+    Outcome outcome;
+    try {
+        Run(given, defaults, outcome).go();
+    } catch (const End& end) {
+        outcome.end = end.how;
+    }
+    return outcome;
+}
+
+std::optional<std::string> Oracle::overrideFilePath(const Given& given) {
+    try {
+        return homeOf(given.commandLine && perUser(*given.commandLine), given.executablePath) +
+               "/Library/Application Support/Quillrest/conf/jvm_args";
+    } catch (const End&) {
+        return std::nullopt;
+    }
+}
