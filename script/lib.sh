@@ -38,6 +38,8 @@ need() {
     done
     [ ${#missing[@]} -gt 0 ] || return 0
     command -v apt-get >/dev/null || die "not installed here: ${missing[*]}; install and call again"
+    [ "$(id -u)" = 0 ] || command -v sudo >/dev/null ||
+        die "not installed here: ${missing[*]}; install them as root, or install sudo, and call again"
     step "Fetching the package lists" as_root apt-get update
     step "Installing ${missing[*]}" as_root env DEBIAN_FRONTEND=noninteractive \
         apt-get install -y --no-install-recommends "${missing[@]}"

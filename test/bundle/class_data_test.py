@@ -2,10 +2,13 @@
 
 import pathlib
 import re
+import signal
 import subprocess
+import time
 import unittest
 import zipfile
 
+from support import VERSION
 from support.bundle import CLASS_DATA, JAR, Bundle, in_each_mode
 from support.private_root import BUILD_DIR
 
@@ -64,7 +67,7 @@ class ClassDataTest(unittest.TestCase):
         for bundle in in_each_mode(self, copied=True):
             bundle.replace(CLASS_DATA, None)
             self.assertEqual(bundle.run("version"),
-                             (0, bundle.stdout(b"version", service=b"1.0.0\n"), b""))
+                             (0, bundle.stdout(b"version", service=f"{VERSION}\n".encode()), b""))
 
     def test_a_service_that_never_ends_is_ended_in_good_order(self):
         bundle = Bundle(self, copied=True)
@@ -82,8 +85,33 @@ class ClassDataTest(unittest.TestCase):
             (1, "class-data: Running the service once: status 3 after N s; it said the above"))
         self.assertEqual(bundle.resource(CLASS_DATA).stat(), before)
 
+    def test_an_interrupted_run_takes_the_service_with_it_and_leaves_the_class_data(self):
+        bundle = Bundle(self, copied=True)
+        before = bundle.resource(CLASS_DATA).stat()
+        app = bundle.root.path("/Applications/Orvane.app")
+        with subprocess.Popen([SCRIPT, app, "stay"], stderr=subprocess.PIPE) as script:
+            children = pathlib.Path(f"/proc/{script.pid}/task/{script.pid}/children")
+            while not (services := [child for child in children.read_text().split()
+                                    if "OrvaneService" in command_of(child)]):
+                time.sleep(0.01)
+            script.send_signal(signal.SIGTERM)
+            self.assertEqual((script.wait(60), script.stderr.read()), (143, b""))
+        deadline = time.monotonic() + 60
+        while command_of(services[0]) and time.monotonic() < deadline:
+            time.sleep(0.01)
+        self.assertEqual(command_of(services[0]), "")
+        self.assertEqual(bundle.resource(CLASS_DATA).stat(), before)
+
     def test_a_folder_that_is_no_bundle_is_refused(self):
         result = subprocess.run([SCRIPT, BUILD_DIR], capture_output=True, text=True)
         self.assertEqual((result.returncode, result.stderr),
                          (1, f"class-data: '{BUILD_DIR}' is no bundle of the service; "
                              "name the Orvane.app of an Applications folder\n"))
+
+
+def command_of(pid):
+    """The command line of a process, empty once it has ended."""
+    try:
+        return pathlib.Path(f"/proc/{pid}/cmdline").read_text()
+    except FileNotFoundError:
+        return ""

@@ -119,9 +119,12 @@ class CheckInstall(unittest.TestCase):
 
     def test_a_link_out_of_the_bundle_is_reported(self):
         os.symlink("service.log.xml", self.at(CONTENTS + "/Resources/conf/other.xml"))
+        os.symlink("../../../../../../..", self.at(CONTENTS + "/Resources/bin/app"))
         os.symlink("/etc/hosts", self.at(CONTENTS + "/Resources/bin/hosts"))
-        self.check(f"{CONTENTS}/Resources/bin/hosts: links out of its folder; "
-                   "replace it by what it links to")
+        os.symlink("../../../../../../../..", self.at(CONTENTS + "/Resources/bin/out"))
+        remedy = "links out of the bundle; replace it by what it links to"
+        self.check(f"{CONTENTS}/Resources/bin/hosts: {remedy}",
+                   f"{CONTENTS}/Resources/bin/out: {remedy}")
 
     def test_each_bad_line_of_the_override_file_is_numbered(self):
         self.write(ARGS, b"\xef\xbb\xbf-Xmx2g\n-Xmx2g\r\n-Xmx2g\n\n# heap\n-Xmx2g -Xms1g\n"
@@ -135,6 +138,12 @@ class CheckInstall(unittest.TestCase):
     def test_a_folder_in_the_place_of_the_override_file_is_reported(self):
         os.makedirs(self.at(ARGS))
         self.check(f"{ARGS}: not a file; remove it")
+
+    def test_an_account_that_is_not_known_here_is_refused(self):
+        run = subprocess.run([SCRIPT, "--user", "no.such.account"], capture_output=True, text=True)
+        self.assertEqual(("check-install: there is no account 'no.such.account' here; "
+                          "name one this machine knows\n", "", 2),
+                         (run.stderr, run.stdout, run.returncode))
 
     def test_a_wrong_call_is_answered_with_the_usage(self):
         for arguments in (["--root"], ["--user", ""], ["folder"]):

@@ -53,4 +53,5 @@ class Commands(unittest.TestCase):
         self.assertEqual(
             ("", ["Starting service.", "Hello from OrvaneService", "Service is complete."], 0),
             (run.stderr, run.stdout.splitlines()[-3:], run.returncode))
-        self.assertEqual(1, len(list((self.copy / "build/release").glob("Orvane-*-Linux.tar.gz"))))
+        self.assertEqual(1, len(list((self.copy / "build/release").glob(
+            f"Orvane-*-{os.uname().sysname}.*"))))

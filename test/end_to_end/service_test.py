@@ -11,7 +11,7 @@ import re
 import signal
 import unittest
 
-from support import expected
+from support import VERSION, expected
 from support.bundle import RESOURCES, Bundle, in_each_mode
 
 PICKED_UP = b"Picked up JAVA_TOOL_OPTIONS: "
@@ -104,13 +104,13 @@ class ServiceTest(unittest.TestCase):
         arguments = [b"version", b"", "Grüße".encode()]
         for bundle in in_each_mode(self):
             self.assert_run(bundle.run(*arguments, tool_options="-Xcheck:jni"), 0,
-                            bundle.stdout(*arguments, service=b"1.0.0\n"),
+                            bundle.stdout(*arguments, service=f"{VERSION}\n".encode()),
                             PICKED_UP + b"-Xcheck:jni\n")
 
     def test_the_program_in_the_bin_folder_prints_the_version(self):
         bundle = Bundle(self)
         result = bundle.root.run([bundle.contents + "/Resources/bin/service-version"])
-        self.assert_run(result, 0, b"1.0.0\n")
+        self.assert_run(result, 0, f"{VERSION}\n".encode())
 
 
 def expected_report(bundle):
@@ -124,7 +124,7 @@ def expected_report(bundle):
         "orv.config.defaultPath": "folder", "orv.service.upgrade.path": "missing",
     }
     return {
-        "version": "1.0.0",
+        "version": VERSION,
         "arguments": ["json"],
         "options": options,
         "properties": {name: value for name, value in values.items() if name not in states},

@@ -8,11 +8,12 @@ import stat
 import subprocess
 import unittest
 
+from support import VERSION
+
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 OUTER = pathlib.Path(os.environ["BUILD_DIR"]) / "Applications/Orvane.app/Contents"
 SERVICE = "Library/LaunchServices/OrvaneService.app/Contents"
 LAUNCHD = OUTER / SERVICE / "Resources/launchd"
-VERSION = re.search(r"project\(\w+ VERSION ([\d.]+)", (ROOT / "CMakeLists.txt").read_text()).group(1)
 
 
 def info(**more):

@@ -106,7 +106,7 @@ class SignMacos(unittest.TestCase):
 
     def test_the_hardened_runtime_and_notarization_are_asked_for(self):
         app = quoted(self.app)
-        archive = app[:-len(".app")] + ".zip"
+        archive = "build/notarize.zip"
         launcher = f"{app}/{SERVICE}/Contents/MacOS/OrvaneService"
         expected = [
             "install_name_tool -rpath ../Resources/jre/lib/server "
@@ -114,6 +114,7 @@ class SignMacos(unittest.TestCase):
             "install_name_tool -rpath ../Resources/jre/lib/jli "
             f"@executable_path/../Resources/jre/lib/jli {launcher}",
             *self.signing("--force --sign Developer\\ ID --timestamp --options runtime"),
+            "mkdir -p build",
             f"ditto -c -k --keepParent {app} {archive}",
             f"xcrun notarytool submit {archive} --keychain-profile a\\ profile --wait",
             f"xcrun stapler staple {app}",

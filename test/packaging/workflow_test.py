@@ -22,10 +22,14 @@ class Workflow(unittest.TestCase):
 
     def test_each_system_runs_these_commands(self):
         self.assertEqual({
-            "linux": ("ubuntu-22.04", [".ci/run"]),
+            "linux": ("ubuntu-24.04", [".ci/run"]),
             "macos": ("macos-14", ["script/pack", "script/sign-macos -", "script/test"]),
         }, {name: (job["runs-on"], [step["run"] for step in job["steps"] if "run" in step])
             for name, job in self.workflow["jobs"].items()})
+
+    def test_linux_is_the_Debian_the_scripts_install_on(self):
+        self.assertEqual({"image": "debian:12", "options": "--privileged"},
+                         self.workflow["jobs"]["linux"]["container"])
 
     def test_no_other_action_than_the_checkout_is_used(self):
         self.assertEqual(["actions/checkout@v4"] * 2, [

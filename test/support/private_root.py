@@ -134,7 +134,7 @@ def bwrap_arguments(root):
 
 def require_namespaces(test):
     reason = why_no_namespaces()
-    if reason and os.environ.get("CI"):
+    if reason and os.environ.get("CI") and os.uname().sysname == "Linux":
         raise AssertionError(reason)
     if reason:
         test.skipTest(reason)

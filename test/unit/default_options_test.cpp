@@ -26,10 +26,6 @@ Strings expectedOptions(const std::string& home) {
     return options;
 }
 
-TEST(DefaultOptions, There_are_23_of_them) {
-    EXPECT_EQ(expectedOptions("").size(), 23U);
-}
-
 TEST(DefaultOptions, System_wide_they_name_the_system_folders) {
     executable::liesAt("/Applications/Orvane.app/MacOS/service");
     EXPECT_EQ(launcher::getDefaultJVMArgs(true), expectedOptions(""));
