@@ -6,12 +6,13 @@ import zipfile
 
 from support import expected
 from support.bundle import CLASS_DATA, JAR, in_each_mode
+from support.private_root import BUILD_DIR
 
 
 class ErrorsTest(unittest.TestCase):
     maxDiff = None
 
-    def assert_class_not_found(self, archive):
+    def assert_refused(self, archive, message):
         """archive is what lies in the place of the service's, if anything does."""
         for bundle in in_each_mode(self, copied=True):
             bundle.replace(CLASS_DATA, None)  # later VMs warn that it is of another archive
@@ -19,8 +20,11 @@ class ErrorsTest(unittest.TestCase):
             self.assertEqual(
                 bundle.run("hello"),
                 (1, expected.before_vm(bundle.home.encode(), None, [b"hello"]),
-                 expected.vm_error(b"Class Error. Couldn't find parent class "
-                                   b"'com/vaultory/service/QRService'")))
+                 expected.vm_error(message)))
+
+    def assert_class_not_found(self, archive):
+        self.assert_refused(
+            archive, b"Class Error. Couldn't find parent class 'com/vaultory/service/QRService'")
 
     def test_a_missing_archive_is_reported(self):
         self.assert_class_not_found(None)
@@ -34,11 +38,41 @@ class ErrorsTest(unittest.TestCase):
             archive.writestr("META-INF/MANIFEST.MF", "Manifest-Version: 1.0\n")
         self.assert_class_not_found(empty.getvalue())
 
-    def test_a_heap_size_that_the_VM_refuses_is_reported(self):
+    def test_an_archive_whose_main_is_not_static_is_reported(self):
+        archive = BUILD_DIR / "test/end_to_end/instance_main.jar"
+        self.assert_refused(
+            archive.read_bytes(), b"Couldn't find method 'main' with proper signature of "
+                                  b"'([Ljava/lang/String;)V'")
+
+    def test_a_heap_size_that_the_VM_cannot_read_is_reported(self):
+        for option in b"-Xmx12q", b"-Xmx2g\r", b"-Xmx2g ", b"-Xmx2g -Xms1g":
+            for bundle in in_each_mode(self):
+                bundle.override(option)
+                self.assertEqual(
+                    bundle.run("hello"),
+                    (1, expected.before_vm(bundle.home.encode(), [option], [b"hello"]),
+                     b"Invalid maximum heap size: " + option + b"\n" +
+                     expected.vm_error(b"Error creating JVM: -6")))
+
+    def test_a_heap_size_that_the_VM_cannot_grant_ends_the_process_in_the_VMs_words(self):
+        for option, reason in (
+                (b"-Xmx1k", b"Too small maximum heap"),
+                (b"-Xmx9000000g",
+                 b"Could not reserve enough space for 9437184000000KB object heap")):
+            for bundle in in_each_mode(self):
+                bundle.override(option)
+                result = bundle.run("hello")
+                stdout = result.stdout.replace(b"000 KB", b"000KB")  # as later VMs write it
+                self.assertEqual(
+                    result._replace(stdout=stdout),
+                    (1, expected.before_vm(bundle.home.encode(), [option], [b"hello"]) +
+                     b"Error occurred during initialization of VM\n" + reason + b"\n", b""))
+
+    def test_a_carriage_return_in_the_override_file_is_part_of_a_propertys_value(self):
+        option = b"-Dorv.security.mode=strict\r"
         for bundle in in_each_mode(self):
-            bundle.override(b"-Xmx12q")
-            self.assertEqual(
-                bundle.run("hello"),
-                (1, expected.before_vm(bundle.home.encode(), [b"-Xmx12q"], [b"hello"]),
-                 b"Invalid maximum heap size: -Xmx12q\n" +
-                 expected.vm_error(b"Error creating JVM: -6")))
+            bundle.override(option)
+            result = bundle.run("json")
+            report = bundle.report(result.stdout, b"json", lines=[option])
+            self.assertEqual((result.status, result.stderr), (0, b""))
+            self.assertEqual(report["properties"]["orv.security.mode"], "strict\r")

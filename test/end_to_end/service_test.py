@@ -7,6 +7,7 @@ test, a home folder in it for a per-user run:
     /Library/Application Support/Quillrest/conf/jvm_args      or below /Users/alice
 """
 
+import itertools
 import re
 import signal
 import unittest
@@ -81,6 +82,19 @@ class ServiceTest(unittest.TestCase):
                     self.assertEqual(process.stdout.read(len(up)), up)
                     process.signal_command(number)
                     self.assert_run(process.finish(), 128 + number, b"Ended in good order.\n")
+
+    def test_SIGQUIT_writes_a_thread_dump_and_the_service_goes_on(self):
+        for bundle in in_each_mode(self):
+            up = bundle.until_main(b"stay", b"1000") + b"Up until a signal ends it.\n"
+            with bundle.start("stay", "1000") as process:
+                self.assertEqual(process.stdout.read(len(up)), up)
+                process.signal_command(signal.SIGQUIT)
+                dump = b"".join(itertools.takewhile(
+                    lambda line: not line.startswith(b"JNI global refs"), process.stdout))
+                self.assertRegex(dump, rb"\A\d+-\d+-\d+ \d+:\d+:\d+\nFull thread dump ")
+                self.assertIn(b"at com.vaultory.service.QRService.main(", dump)
+                process.signal_command(signal.SIGTERM)
+                self.assertEqual(process.finish().status, 143)
 
     def test_the_heartbeat_goes_on_until_a_signal(self):
         bundle = Bundle(self)
