@@ -108,6 +108,13 @@ class LocationsTest(unittest.TestCase):
         self.launcher.put_runtime("/Users")
         self.assert_home("MacOS/OrvaneService", b"/Users/alice", "/Users/alice")
 
+    def test_a_relative_start_from_among_the_home_folders_names_the_home_whole(self):
+        self.launcher.put_runtime("")
+        for name in "alice", ".alice", "..alice":
+            with self.subTest(name):
+                self.copy_to(f"/Users/{name}/bin/OrvaneService")
+                self.assert_home(name + "/bin/OrvaneService", b"/Users/" + name.encode(), "/Users")
+
     def test_only_a_leading_dot_slash_is_taken_off_a_relative_start(self):
         path = self.path_of(1023)
         folder, _, name = path.rpartition("/")

@@ -1,7 +1,8 @@
 """Tests the tests: builds small wrong versions of the product's sources, one at a time, and
-runs the unit and console tests over each until one fails. A mutant that no test notices has
-to be listed in survivors.txt with the reason. Writes docs/mutation.md; with an argument, makes
-only the mutants whose name holds it, and writes nothing.
+runs the unit and console tests over each until one fails, those of failing allocations among
+them. A mutant that no test notices has to be listed in survivors.txt with the reason. Writes
+docs/mutation.md; with an argument, makes only the mutants whose name holds it, and writes
+nothing.
 
 Status 0 if at least 95 % were caught and survivors.txt lists those that were not and no other.
 """
@@ -11,6 +12,7 @@ import concurrent.futures
 import os
 import pathlib
 import queue
+import re
 import resource
 import shutil
 import signal
@@ -39,6 +41,7 @@ UNIT_TESTS = {
     "src/jvm/jvm.cpp": ["jvm_test"],
     "src/jvm/jmethod.cpp": ["jvm_test"],
 }
+CONSOLE_TESTS = {"test/console": "*_test.py", "test/faults": "allocations_test.py"}
 ALL_UNIT_TESTS = ["main_test", *sorted(set(sum(UNIT_TESTS.values(), [])))]
 
 
@@ -73,6 +76,8 @@ class Tests:
         self.tree, self.build = folder / "tree", folder / "build"
         self.original = {}
         self.changed = None
+        self.console_tests = []
+        self.console_seconds = 0
 
     def prepare(self):
         shutil.rmtree(self.tree, ignore_errors=True)
@@ -86,46 +91,58 @@ class Tests:
              "-DCMAKE_BUILD_TYPE=Release", "-DCMAKE_CXX_FLAGS_RELEASE=-O1 -w",
              "-DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST"],
             check=True, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
-        assert self.make(*ALL_UNIT_TESTS, "OrvaneService", "recording_libjvm")
+        assert self.make(*ALL_UNIT_TESTS, "OrvaneService", "recording_libjvm", "allocation_fault")
 
     def make(self, *targets):
         return subprocess.run(["ninja", "-j", "1", "-C", self.build, *targets],
                               stdin=subprocess.DEVNULL, capture_output=True).returncode == 0
 
-    def passes(self, command, seconds, cwd):
-        """Whether the command ends well within these seconds."""
+    def failure(self, command, seconds):
+        """What the command wrote to standard error if it did not end well within these
+        seconds, None if it did."""
+        folders = [str(self.tree / folder) for folder in ("test", *CONSOLE_TESTS)]
         environment = {**os.environ, "CI": "1", "BUILD_DIR": str(self.build),
-                       "PYTHONPATH": str(self.tree / "test")}
+                       "PYTHONPATH": ":".join(folders)}
         limits = ((resource.RLIMIT_AS, MEMORY), (resource.RLIMIT_CORE, 0))
         process = subprocess.Popen(
-            command, cwd=cwd, env=environment, stdin=subprocess.DEVNULL,
-            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True,
+            command, cwd=self.build, env=environment, stdin=subprocess.DEVNULL,
+            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, start_new_session=True,
             preexec_fn=lambda: [resource.setrlimit(what, (n, n)) for what, n in limits])
         try:
-            return process.wait(seconds) == 0
+            said = process.communicate(timeout=seconds)[1].decode(errors="replace")
+            return said if process.returncode else None
         except subprocess.TimeoutExpired:
-            return False
+            return ""
         finally:
             try:
                 os.killpg(process.pid, signal.SIGKILL)
             except ProcessLookupError:
                 pass
             process.wait()
+            process.stderr.close()
             for left in self.build.glob("root-*"):
                 shutil.rmtree(left, ignore_errors=True)
 
     def unit(self, program):
-        return self.passes([self.build / "test/unit" / program, "--gtest_fail_fast"],
-                           UNIT_SECONDS, self.build)
+        return self.failure([self.build / "test/unit" / program, "--gtest_fail_fast"],
+                            UNIT_SECONDS) is None
 
     def console(self, tests, seconds):
         subprocess.run(["cmake", "--install", self.build, "--component", "launcher", "--prefix",
                         self.build / "Applications"], check=True, stdin=subprocess.DEVNULL,
                        stdout=subprocess.DEVNULL)
-        return self.passes([sys.executable, "-B", "-m", "unittest", "--failfast", *tests],
-                           seconds, self.tree / "test/console")
+        return self.failure([sys.executable, "-B", "-m", "unittest", "--failfast", *tests], seconds)
 
-    def verdict(self, wrong, console_tests, seconds):
+    def all_console(self):
+        """Whether all console tests pass. The one that fails goes first the next time: it is
+        likely to notice the next mutant too, which is near this one."""
+        said = self.console(self.console_tests, 20 + 3 * self.console_seconds)
+        failed = re.search(r"^(?:FAIL|ERROR): (\w+)", said or "", re.MULTILINE)
+        if failed:
+            self.console_tests.sort(key=lambda name: not name.endswith("." + failed[1]))
+        return said is None
+
+    def verdict(self, wrong):
         """Whether a test noticed: True or False, or None for a mutant that does not compile."""
         if self.changed not in (None, wrong.file):
             (self.tree / self.changed).write_text(self.original[self.changed])
@@ -137,17 +154,17 @@ class Tests:
         if not all(self.unit(program) for program in UNIT_TESTS[wrong.file]):
             return True
         assert self.make("OrvaneService")
-        if not self.console(console_tests, seconds):
+        if not self.all_console():
             return True
         rest = [program for program in ALL_UNIT_TESTS if program not in first]
         assert self.make(*rest)
         return not all(self.unit(program) for program in rest)
 
 
-def console_test_names(tests):
-    """The console tests, the quickest first, and the seconds that all take."""
+def find_console_tests(tests):
+    """The console tests' names, the quickest first, and the seconds that all take."""
     os.environ["BUILD_DIR"] = str(tests.build)
-    sys.path[:0] = [str(tests.tree / "test"), str(tests.tree / "test/console")]
+    sys.path.insert(0, str(tests.tree / "test"))
 
     def flat(suite):
         for test in suite:
@@ -156,15 +173,16 @@ def console_test_names(tests):
             else:
                 yield test.id()
 
-    folder = str(tests.tree / "test/console")
-    names = list(flat(unittest.TestLoader().discover(folder, "*_test.py", folder)))
     seconds = {}
-    for name in names:
-        begun = time.monotonic()
-        if not tests.console([name], 120):
-            sys.exit(f"mutate: {name} fails over the unchanged sources")
-        seconds[name] = time.monotonic() - begun
-    return sorted(names, key=seconds.get), sum(seconds.values())
+    for folder, pattern in CONSOLE_TESTS.items():
+        folder = str(tests.tree / folder)
+        for name in flat(unittest.TestLoader().discover(folder, pattern, folder)):
+            begun = time.monotonic()
+            said = tests.console([name], 120)
+            if said is not None:
+                sys.exit(f"{said}\nmutate: {name} fails over the unchanged sources")
+            seconds[name] = time.monotonic() - begun
+    return sorted(seconds, key=seconds.get), sum(seconds.values())
 
 
 def reasons():
@@ -196,7 +214,9 @@ def run(wanted, workers):
     for program in ALL_UNIT_TESTS:
         if not workers[0].unit(program):
             sys.exit(f"mutate: {program} fails over the unchanged sources")
-    names, seconds = console_test_names(workers[0])
+    names, seconds = find_console_tests(workers[0])
+    for tests in workers:
+        tests.console_tests, tests.console_seconds = names[:], seconds
     begun = time.monotonic()
     print(f"{len(wanted)} mutants, {len(names)} console tests in {seconds:.0f} s", flush=True)
 
@@ -206,7 +226,7 @@ def run(wanted, workers):
                 wrong = todo.get_nowait()
             except queue.Empty:
                 return
-            verdicts[wrong] = tests.verdict(wrong, names, 20 + 3 * seconds)
+            verdicts[wrong] = tests.verdict(wrong)
             if verdicts[wrong] is False:
                 print(f"not noticed: {wrong}", flush=True)
             if len(verdicts) % 20 == 0:
@@ -254,8 +274,9 @@ def report(verdicts, listed, seconds):
     return f"""# Mutation: what the tests notice
 
 Written by `script/mutate`, which breaks the product's sources in small ways, one at a time,
-builds each wrong version and runs the unit and console tests over it until one fails. A run
-that does not end in time counts as caught; a version that does not compile counts for nothing
+builds each wrong version and runs the unit and console tests over it until one fails, and that
+of failing allocations. A run that does not end in time counts as caught; a version that does
+not compile counts for nothing
 ({len(verdicts) - len(built)} of {len(verdicts)} here). Of {len(built)} that were built,
 {sum(built)} were caught, **{share(sum(built), len(built))}**; it took {seconds / 60:.0f} minutes.
 
