@@ -266,11 +266,11 @@ def report(verdicts, listed, seconds):
     blocks = collections.defaultdict(list)
     for wrong, verdict in verdicts.items():
         if verdict is False:
-            blocks[listed.get(wrong.key, "No reason is known.")].append(wrong)
+            blocks[listed.get(wrong.key, "No reason is known."), wrong.file].append(wrong)
     survivors = "\n".join(
-        f"- {reason}\n\n  ```diff\n" + "".join(
+        f"- {reason} (`{file}`)\n\n  ```diff\n" + "".join(
             f"  - {wrong.before}\n  + {wrong.after}\n" for wrong in group) + "  ```\n"
-        for reason, group in blocks.items())
+        for (reason, file), group in blocks.items())
     return f"""# Mutation: what the tests notice
 
 Written by `script/mutate`, which breaks the product's sources in small ways, one at a time,
