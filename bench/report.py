@@ -1,0 +1,249 @@
+"""Writes what was measured as REPORT.md, chart.svg and chart.png."""
+
+import matplotlib
+
+matplotlib.use("Agg")
+matplotlib.rcParams["svg.hashsalt"] = "Orvane"
+from matplotlib import pyplot  # noqa: E402: only after the choice above
+
+NAMES = {"floor": "a bare C host", "java": "`java`", "jpackage": "jpackage's launcher",
+         "jsvc": "jsvc", "stock": "stock JDK"}
+# (row, what, goal)
+GOALS = [("floor", "wall", 1.01), ("floor", "cpu", 1.01), ("floor", "memory", 1.01),
+         ("java", "wall", 0.98), ("jpackage", "wall", 0.98), ("jsvc", "wall", 0.80),
+         ("stock", "wall", 0.70)]
+WHAT = {"wall": "wall time", "cpu": "CPU", "memory": "peak memory"}
+INSTRUCTIONS, NANOSECONDS, LINE_MEMORY, LINEAR = 350_000, 120, 90, 1.2
+FEW, MANY = 10_000, 1_000_000
+
+
+def table(head, rows):
+    lines = ["| " + " | ".join(map(str, row)) + " |" for row in [head, ["---"] * len(head), *rows]]
+    return "\n".join(lines) + "\n"
+
+
+def met(value, goal):
+    return "met" if value <= goal else "**missed**"
+
+
+def goals(found):
+    rows = []
+    for row, what, goal in GOALS:
+        middle, least = found["ratios"][row][what]
+        text = (f"class-heavy service, start to readiness: ours / {NAMES[row]}" if row == "stock"
+                else f"whole run: ours / {NAMES[row]}")
+        rows.append([f"{text}, {WHAT[what]}", f"≤ {goal:.2f}", f"{middle:.3f}", f"{least:.3f}",
+                     met(middle, goal)])
+    count = found["instructions"]["ours"]
+    rows.append(["instructions of the launcher's own, whole process", f"≤ {INSTRUCTIONS:,}",
+                 f"{count:,}", "", met(count, INSTRUCTIONS)])
+    for length, costs in found["ours_lines"].items():
+        growth = costs[MANY]["wall"] / costs[FEW]["wall"]
+        nanoseconds, memory = costs[MANY]["wall"] * 1e9, costs[MANY]["memory"]
+        least = costs[MANY]["least"] * 1e9
+        name = f"override file, lines of {length} bytes"
+        rows += [
+            [f"{name}: cost a line at 10⁶ / at 10⁴", f"≤ {LINEAR:.1f}", f"{growth:.2f}", "",
+             met(growth, LINEAR)],
+            [f"{name}: time a line at 10⁶", f"≤ {NANOSECONDS} ns", f"{nanoseconds:.0f} ns",
+             f"{least:.0f} ns", met(nanoseconds, NANOSECONDS)],
+            [f"{name}: peak memory a line at 10⁶", f"≤ {LINE_MEMORY} bytes",
+             f"{memory:.0f} bytes", "", met(memory, LINE_MEMORY)],
+        ]
+    return rows
+
+
+def pair(spread):
+    return f"{spread[0]:.3f} ({spread[1]:.3f})"
+
+
+def cost_rows(costs, loop=None):
+    return [[f"{count:,}", f"{cost['wall'] * 1e9:.0f} ({cost['least'] * 1e9:.0f})",
+             f"{cost['cpu'] * 1e9:.0f}", f"{cost['memory']:.0f}",
+             *([f"{cost['wall'] / loop[count]['wall']:.2f}"] if loop else [])]
+            for count, cost in costs.items()]
+
+
+def why_missed(found):
+    """A sentence for each kind of goal that was missed."""
+    lines = []
+    floor = found["ratios"]["floor"]
+    if any(floor[what][0] > 1.01 for what in floor):
+        beyond = found["instructions"]["ours"] - found["instructions"]["floor"]
+        lines.append(
+            "- The bare C host: it prints nothing, parses nothing and links no C++ library. Ours "
+            f"executes {beyond:,} instructions more (of {found['instructions']['ours']:,}), "
+            "faults in the pages of its larger executable, attaches and detaches the thread, which "
+            "costs the VM a new Java thread object, and writes its report.")
+    for length, costs in found["ours_lines"].items():
+        if costs[MANY]["memory"] > LINE_MEMORY and length > 15:
+            lines.append(
+                f"- Lines of {length} bytes: a string of more than 15 bytes lies in memory of its "
+                "own, and there are two of each: the launcher's, and the copy the VM's options "
+                "are kept in while it is created.")
+        elif costs[MANY]["wall"] * 1e9 > NANOSECONDS:
+            lines.append(
+                f"- Time a line of {length} bytes: each is read, compared with three prefixes, "
+                "kept, copied for the VM, and printed through an output iterator that pays for a "
+                "stream's sentry twice a line.")
+    return "\n".join(lines)
+
+
+def size_section(found):
+    size = found["variants"]["as it is"]["size"]
+    kinds = list(next(iter(found["size"].values())))
+    parts = sorted(found["size"].items(), key=lambda part: -sum(part[1].values()))
+    rows = [[whose, *(f"{sizes[kind]:,}" for kind in kinds), f"{sum(sizes.values()):,}"]
+            for whose, sizes in parts]
+    whole = sum(sum(sizes.values()) for _, sizes in parts)
+    rows.append(["tables for the loader, headers, padding", *[""] * len(kinds), f"{size - whole:,}"])
+    rows.append(["**the file**", *[""] * len(kinds), f"**{size:,}**"])
+    text = "Native, stripped, bytes:\n\n" + table(["", *kinds, "sum"], rows) + "\n"
+    if not found["slices"]:
+        return text + "The macOS executable was not built in this run.\n"
+    names = list(found["slices"])
+    parts = {part: None for sizes in found["slices"].values() for part in sizes if part != "whole"}
+    rows = [[f"`{part}`", *(f"{found['slices'][name].get(part, 0):,}" for name in names)]
+            for part in parts]
+    rows.append(["**the slice**", *(f"**{found['slices'][name]['whole']:,}**" for name in names)])
+    return (text + "macOS, each slice, bytes in the file (`__LINKEDIT` holds the symbols and the "
+            "signature; the C++ library is linked in):\n\n" + table(["", *names], rows))
+
+
+def tried_rows(found):
+    rows = []
+    lengths = list(found["lines"])
+    for name, variant in found["variants"].items():
+        rows.append([name, f"{variant['instructions']:,}", f"{variant['size']:,}",
+                     *(f"{variant['lines'][length]:.3f}" for length in lengths)])
+    return rows
+
+
+def markdown(found):
+    lengths = ", ".join(f"{length} bytes (`{line}`)" for length, line in found["lines"].items())
+    commands = {**found["commands"], "stock": found["heavy_commands"]["stock"]}
+    ratio_rows = [[f"ours / {NAMES[row]}", *(pair(spread[what]) for what in WHAT)]
+                  for row, spread in found["ratios"].items()]
+    class_rows = [[NAMES.get(name, name), *counts] for name, counts in found["classes"].items()]
+    class_rows += [[f"class-heavy service: {NAMES.get(name, name)}", *counts]
+                   for name, counts in found["heavy_classes"].items()]
+    instructions = found["instructions"]
+    parts = [f"""# Benchmarks
+
+```sh
+script/bench
+```
+
+wrote this page and the chart, in {found['minutes']:.0f} minutes. Each round runs everything that is
+compared once, in random order, after {found['warm_up']} rounds that do not count; a ratio is of the
+two runs of one round. A figure is the median over the rounds, and beside it stands the least.
+
+![Benchmarks](chart.svg)
+
+## Goals
+
+""", table(["row", "goal", "median", "least", ""], goals(found))]
+    why = why_missed(found)
+    if why:
+        parts.append(f"\nWhy those are missed:\n\n{why}\n")
+    parts += ["\n## The machine\n\n", table(["", ""], found["machine"]),
+              f"""
+Load average of the last minute when it began: {found['load'][0]:.1f}, and when it ended:
+{found['load'][1]:.1f}.
+
+## Beside its peers
+
+Median (least) of ours / theirs; {found['floor_rounds']} rounds for the bare C host,
+{found['rounds']} for each other. CPU is user and system time, of child processes too.
+
+""", table(["", *WHAT.values()], ratio_rows), """
+All host the sample service in the bundle's runtime image with the same options, and write to
+`/dev/null`; the class-heavy service runs in the bundle made for it by `BUNDLE_ARCHIVE`, and
+beside it in the JDK. It is timed until it says that it is ready; CPU and memory are of the whole
+run. Working directory: `$BUNDLE/MacOS`; environment: `PATH` and `LC_ALL=C.UTF-8`.
+
+""", table(["", "command"], [[NAMES.get(name, name), f"`{command}`"]
+                             for name, command in commands.items()]), """
+`$BUNDLE` is `/Applications/.../OrvaneService.app/Contents`, `$JDK` the JDK above, `$WORK` the
+folder that the peers were built in, and `$OPTIONS` are
+
+```
+""", "\n".join(found["options"]), """
+```
+
+jpackage's application: `$JDK/bin/jpackage --type app-image --name peer --input DIR --main-jar
+service.jar --main-class com.vaultory.service.QRService --runtime-image $BUNDLE/Resources/jre`,
+and `--java-options` before each of `$OPTIONS`; its class data made as the bundle's are. jsvc's
+class is `bench/java/jsvc`, the bare C host `bench/native/floor.c`.
+
+Classes loaded in a run, and how many of those came from class data:
+
+""", table(["", "loaded", "from class data"], class_rows), f"""
+## Instructions
+
+`valgrind --tool=callgrind`, environment empty, over a runtime library that does nothing
+(`bench/native/idle_runtime.c`): the whole process, the dynamic loader included.
+
+""", table(["", "instructions"], [["the launcher", f"{instructions['ours']:,}"],
+                                  ["the bare C host", f"{instructions['floor']:,}"],
+                                  ["an empty C program", f"{instructions['empty']:,}"]]), f"""
+## Override file and arguments
+
+The same idle runtime, output to `/dev/null`. A line's cost is the time of a run less that of a run
+without a file in the same round, divided by the number of lines; {found['line_rounds']} rounds, and
+in each the median of 7 runs up to 10,000. The bare loop is `bench/native/getline.cpp`, a
+`std::getline` that counts. Lines of {lengths}.
+"""]
+    head = ["count", "ns (least)", "CPU ns", "bytes"]
+    for length, costs in found["ours_lines"].items():
+        parts.append(f"\nLines of {length} bytes:\n\n" + table(
+            [*head, "ours / bare loop"], cost_rows(costs, found["loop_lines"][length])))
+    parts += ["\nArguments of 8 bytes:\n\n", table(head, cost_rows(found["arguments"])),
+              "\n## Size\n\n", size_section(found), f"""
+## What was tried
+
+Each with the product's own source and commands but for what it says. The first row is the product;
+the last columns are the wall time of a run with 100,000 lines, as the median of ratios to it over
+{found['line_rounds']} rounds.
+
+""", table(["", "instructions", "bytes", *(f"time, lines of {length} bytes"
+                                           for length in found["lines"])], tried_rows(found)), """
+Not tried: output that is not synchronised with C's, which would change when a line reaches a
+terminal.
+"""]
+    return "".join(parts)
+
+
+def chart(found, folder):
+    figure, (left, right) = pyplot.subplots(1, 2, figsize=(11, 3.6),
+                                            gridspec_kw={"width_ratios": [3, 2]})
+    rows = list(reversed(GOALS))
+    places = range(len(rows))
+    spreads = [found["ratios"][row][what] for row, what, _ in rows]
+    left.barh(places, [middle for middle, _ in spreads], color="#4878a8", label="median")
+    left.plot([least for _, least in spreads], places, "o", color="#1c3450", label="least")
+    left.plot([goal for *_, goal in rows], places, "|", color="#c04030", markersize=16,
+              markeredgewidth=2, label="goal")
+    left.set_yticks(places, [f"{NAMES[row].strip('`')}, {WHAT[what]}" for row, what, _ in rows])
+    for place, (middle, _) in zip(places, spreads):
+        left.text(0.02, place, f"{middle:.3f}", color="white", va="center")
+    left.set_title("Ours / theirs: less is better")
+    left.legend(loc="upper center", bbox_to_anchor=(0.5, -0.08), ncols=3, frameon=False)
+
+    for (length, costs), colour in zip(found["ours_lines"].items(), ("#4878a8", "#58a066")):
+        right.plot(list(costs), [cost["wall"] * 1e9 for cost in costs.values()], "o-",
+                   color=colour, label=f"lines of {length} bytes")
+    right.axhline(NANOSECONDS, color="#c04030", label="goal")
+    right.set_xscale("log")
+    right.set_ylim(bottom=0)
+    right.set_xlabel("lines of the override file")
+    right.set_title("Nanoseconds a line")
+    right.legend(frameon=False, loc="lower right")
+    figure.tight_layout()
+    figure.savefig(folder / "chart.svg", metadata={"Date": None})
+    figure.savefig(folder / "chart.png", dpi=120, metadata={"Software": None})
+
+
+def write(found, folder):
+    (folder / "REPORT.md").write_text(markdown(found))
+    chart(found, folder)
