@@ -182,7 +182,11 @@ def hosts(peer):
     """{name: Command} of what can host the sample service in the same runtime image."""
     folder = BUNDLE / "MacOS"
     java = BUNDLE / "Resources/jre"
-    daemon = f"{CLASS_PATH}:/usr/share/java/commons-daemon.jar:{WORK / 'jsvc'}"
+    daemon = "/usr/share/java/commons-daemon.jar"
+    jsvc = ["/usr/bin/jsvc", "-home", java, "-nodetach", "-pidfile", WORK / "jsvc.pid", "-cwd",
+            folder, "-outfile", "&1", "-errfile", "&2", *OPTIONS]
+    jsvc_shown = ("/usr/bin/jsvc -home $BUNDLE/Resources/jre -nodetach -pidfile $WORK/jsvc.pid "
+                  "-cwd $BUNDLE/MacOS -outfile '&1' -errfile '&2' $OPTIONS")
     return {
         "ours": Command(["./OrvaneService", "hello"], folder, "./OrvaneService hello"),
         "floor": Command([WORK / "floor", "hello"], folder, "$WORK/floor hello"),
@@ -191,12 +195,11 @@ def hosts(peer):
         "jpackage": Command(["/usr/bin/env", "PATH=/nonexistent", peer / "bin/peer", "hello"],
                             folder, "env PATH=/nonexistent $WORK/peer/bin/peer hello"),
         "jsvc": Command(
-            ["/usr/bin/jsvc", "-home", java, "-nodetach", "-pidfile", WORK / "jsvc.pid", "-cwd",
-             folder, "-outfile", "&1", "-errfile", "&2", *OPTIONS, "-cp", daemon, "JsvcService",
-             "hello"], folder,
-            "/usr/bin/jsvc -home $BUNDLE/Resources/jre -nodetach -pidfile $WORK/jsvc.pid "
-            "-cwd $BUNDLE/MacOS -outfile '&1' -errfile '&2' $OPTIONS -cp "
-            f"{CLASS_PATH}:/usr/share/java/commons-daemon.jar:$WORK/jsvc JsvcService hello"),
+            [*jsvc, "-cp", f"{daemon}:{CLASS_PATH}:{WORK / 'jsvc'}", "JsvcService", "hello"],
+            folder, f"{jsvc_shown} -cp {daemon}:{CLASS_PATH}:$WORK/jsvc JsvcService hello"),
+        "jsvc-data": Command(
+            [*jsvc, "-cp", f"{CLASS_PATH}:{daemon}:{WORK / 'jsvc'}", "JsvcService", "hello"],
+            folder, f"{jsvc_shown} -cp {CLASS_PATH}:{daemon}:$WORK/jsvc JsvcService hello"),
     }
 
 
@@ -225,6 +228,18 @@ def per_item(runs, none, count):
         "memory": statistics.median((a["memory"] - b["memory"]) / count
                                     for a, b in zip(runs, none)),
     }
+
+
+def resident(command):
+    """Bytes of the executable's file that a run has in memory once main has begun."""
+    with subprocess.Popen([command.words[0], "stay"], cwd=command.cwd,
+                          stdout=subprocess.PIPE) as process:
+        while process.stdout.readline() != b"Starting service.\n":
+            pass
+        process.stdout.readline()
+        maps = pathlib.Path(f"/proc/{process.pid}/smaps").read_text()
+        process.terminate()
+    return 1024 * sum(map(int, re.findall(r"/MacOS/OrvaneService\n(?:.*\n){2,4}?Rss: +(\d+)", maps)))
 
 
 def lines_file(line, count):
@@ -294,11 +309,14 @@ def main():
     found["heavy_classes"] = {name: command.classes() for name, command in heavies.items()}
 
     say(f"Whole runs beside the floor, {FLOOR_ROUNDS} rounds")
-    runs = interleaved({name: commands[name] for name in ("ours", "floor")}, FLOOR_ROUNDS)
+    runs = interleaved({"ours": commands["ours"], "floor": commands["floor"],
+                        "again": commands["floor"]}, FLOOR_ROUNDS)
     found["ratios"] = {"floor": ratios(runs["ours"], runs["floor"])}
+    found["noise"] = ratios(runs["again"], runs["floor"])
+    found["resident"] = resident(commands["ours"])
     say(f"Whole runs beside the peers, {ROUNDS} rounds")
     runs = interleaved({name: commands[name] for name in commands if name != "floor"}, ROUNDS)
-    for name in "java", "jpackage", "jsvc":
+    for name in "java", "jpackage", "jsvc", "jsvc-data":
         found["ratios"][name] = ratios(runs["ours"], runs[name])
     say(f"Start to readiness of the class-heavy service, {ROUNDS} rounds")
     runs = interleaved(heavies, ROUNDS)

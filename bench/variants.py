@@ -96,7 +96,8 @@ def build(bench, name):
 
 
 def measure(bench):
-    """{name: {size, instructions, {line length: (ns a line, ratio to as it is)}}}"""
+    """{name: {size, instructions, and the medians of ratios to the product as it is: time and
+    memory of a start alone, and the time with many lines by their length}}"""
     programs = {name: build(bench, name) for name in VARIANTS}
     product = bench.BUILD / "src" / TARGET
     if programs[AS_IT_IS].stat().st_size != product.stat().st_size:
@@ -105,6 +106,11 @@ def measure(bench):
     found = {name: {"size": program.stat().st_size,
                     "instructions": bench.instructions(program, idle), "lines": {}}
              for name, program in programs.items()}
+    runs = bench.interleaved({name: bench.Command([program], idle)
+                              for name, program in programs.items()}, 3 * bench.LINE_ROUNDS)
+    for name in programs:
+        ratios = bench.ratios(runs[name], runs[AS_IT_IS])
+        found[name] |= {"start": ratios["wall"][0], "memory": ratios["memory"][0]}
     count = 100_000
     for length, line in bench.LINES.items():
         file = bench.lines_file(line, count)
