@@ -1,5 +1,5 @@
 """Measures the launcher beside its peers and writes the report. Called by script/bench, in a
-root where the sample's bundle lies in /Applications and /Library is empty."""
+root where the sample's bundle lies in /Applications, and /Library and /bench are empty."""
 
 import os
 import pathlib
@@ -20,7 +20,7 @@ sys.path.insert(0, str(SOURCE / "test"))
 from support import macho  # noqa: E402: it lies with the tests
 
 BUILD = SOURCE / "build/release"
-WORK = SOURCE / "build/bench"
+WORK = pathlib.Path("/bench")
 HERE = SOURCE / "bench"
 CONTENTS = "Orvane.app/Contents/Library/LaunchServices/OrvaneService.app/Contents"
 BUNDLE = pathlib.Path("/Applications", CONTENTS)
@@ -30,7 +30,7 @@ CLASS_PATH = "../Resources/lib/com.vaultory.desktop.jar:../Resources/lang"
 OPTIONS = (SOURCE / "test/expected/default_options.txt").read_text().replace("{home}", "")
 OPTIONS = OPTIONS.splitlines()
 
-WARM_UP, ROUNDS, FLOOR_ROUNDS, LINE_ROUNDS = 2, 40, 150, 30
+WARM_UP, FLOOR_ROUNDS, ROUNDS, HEAVY_ROUNDS, LINE_ROUNDS = 2, 150, 80, 40, 30
 COUNTS = [1000, 10_000, 100_000, 1_000_000]
 ARGUMENT_COUNTS = [10, 100, 1000, 10_000, 100_000]
 LINES = {8: "-Xmx512m", 28: "-Dorv.security.mode=12345678"}
@@ -300,7 +300,7 @@ def main():
     OVERRIDE_FILE.parent.mkdir(parents=True)
     peer, heavy = prepare()
     found = {"machine": machine(), "rounds": ROUNDS, "floor_rounds": FLOOR_ROUNDS,
-             "line_rounds": LINE_ROUNDS, "warm_up": WARM_UP, "lines": LINES, "options": OPTIONS}
+             "heavy_rounds": HEAVY_ROUNDS, "line_rounds": LINE_ROUNDS, "warm_up": WARM_UP, "lines": LINES, "options": OPTIONS}
 
     commands, heavies = hosts(peer), heavy_hosts(heavy)
     found["commands"] = {name: command.shown for name, command in commands.items()}
@@ -318,8 +318,8 @@ def main():
     runs = interleaved({name: commands[name] for name in commands if name != "floor"}, ROUNDS)
     for name in "java", "jpackage", "jsvc", "jsvc-data":
         found["ratios"][name] = ratios(runs["ours"], runs[name])
-    say(f"Start to readiness of the class-heavy service, {ROUNDS} rounds")
-    runs = interleaved(heavies, ROUNDS)
+    say(f"Start to readiness of the class-heavy service, {HEAVY_ROUNDS} rounds")
+    runs = interleaved(heavies, HEAVY_ROUNDS)
     found["ratios"]["stock"] = ratios(runs["ours"], runs["stock"])
 
     say("Instructions")

@@ -53,6 +53,25 @@ VARIANTS = {
     "no stack protector": ([], [("-fstack-protector-strong", "")], []),
 }
 TARGET = "OrvaneService"
+KEPT, NOTHING = "the product has the better", "no gain"
+# Why each is not what the product does.
+VERDICTS = {
+    AS_IT_IS: "",
+    "shared C++ library": KEPT,
+    "unwinder linked in too": "an error thrown in the VM's C++ library could not be caught",
+    "symbols of the C++ library not hidden": "hidden for safety: the VM may bring its own",
+    "undefined symbols of the runtime library looked for": KEPT,
+    "list of defaults copied": KEPT,
+    "lines copied behind the defaults": KEPT,
+    "VM's copy of the options moved in": "the VM gets a copy, and the launcher's list stays whole",
+    "no section collection": KEPT,
+    "old hash table": KEPT,
+    "binding lazily": "binding at the start lets the tables be made read-only",
+    "relocations not packed": KEPT,
+    "libc not first": KEPT,
+    "-Os": "slower lines",
+    "no stack protector": "a protection is worth it",
+}
 
 
 def edited(text, edits, where):
@@ -104,7 +123,8 @@ def measure(bench):
         raise SystemExit("the variants are not built as the product is")
     idle = bench.WORK / "idle/MacOS"
     found = {name: {"size": program.stat().st_size,
-                    "instructions": bench.instructions(program, idle), "lines": {}}
+                    "instructions": bench.instructions(program, idle), "lines": {},
+                    "verdict": VERDICTS.get(name, NOTHING)}
              for name, program in programs.items()}
     runs = bench.interleaved({name: bench.Command([program], idle)
                               for name, program in programs.items()}, 3 * bench.LINE_ROUNDS)
