@@ -17,12 +17,11 @@ import variants
 
 SOURCE = pathlib.Path(__file__).parents[1]
 sys.path.insert(0, str(SOURCE / "test"))
-from support import macho  # noqa: E402: it lies with the tests
+from support import CONTENTS, macho  # noqa: E402: it lies with the tests
 
 BUILD = SOURCE / "build/release"
 WORK = pathlib.Path("/bench")
 HERE = SOURCE / "bench"
-CONTENTS = "Orvane.app/Contents/Library/LaunchServices/OrvaneService.app/Contents"
 BUNDLE = pathlib.Path("/Applications", CONTENTS)
 OVERRIDE_FILE = pathlib.Path("/Library/Application Support/Quillrest/conf/jvm_args")
 SERVICE = "com.vaultory.service.QRService"
@@ -60,11 +59,12 @@ JDK = pathlib.Path(cached("BUNDLE_JDK"))
 
 class Command:
     """What is measured: its words, its folder, and how the report prints it; with a text, only
-    until that appears on its standard output; with a file, that is the override file."""
+    until that appears on its standard output; with a file, that is the override file; with an
+    environment, in that besides this process's own."""
 
-    def __init__(self, words, cwd, shown="", until="", file=None):
+    def __init__(self, words, cwd, shown="", until="", file=None, env=None):
         self.words, self.cwd, self.shown = [*map(str, words)], cwd, shown
-        self.until, self.file = until, file
+        self.until, self.file, self.env = until, file, {**os.environ, **(env or {})}
 
     def measure(self):
         """{wall: s, cpu: s, memory: bytes} of one run."""
@@ -72,7 +72,7 @@ class Command:
         if self.file:
             OVERRIDE_FILE.symlink_to(self.file)
         done = subprocess.run([WORK / "measure", self.until, *self.words], cwd=self.cwd,
-                              env=dict(os.environ), capture_output=True, text=True)
+                              env=self.env, capture_output=True, text=True)
         wall, cpu, memory, status = map(int, done.stdout.split())
         if status != 0 or wall <= 0:
             raise SystemExit(f"{self.words[:9]}: status {status}")
@@ -82,7 +82,7 @@ class Command:
         """How many classes a run loads, and how many of them from class data."""
         log = WORK / "classes.log"
         run(*self.words, cwd=self.cwd,
-            env={**os.environ, "JAVA_TOOL_OPTIONS": f"-Xlog:class+load:file={log}:none"})
+            env={**self.env, "JAVA_TOOL_OPTIONS": f"-Xlog:class+load:file={log}:none"})
         lines = log.read_text().splitlines()
         return len(lines), sum("shared objects file" in line for line in lines)
 
@@ -192,8 +192,9 @@ def hosts(peer):
         "floor": Command([WORK / "floor", "hello"], folder, "$WORK/floor hello"),
         "java": Command([java / "bin/java", *OPTIONS, "-cp", CLASS_PATH, SERVICE, "hello"], folder,
                         f"../Resources/jre/bin/java $OPTIONS -cp {CLASS_PATH} {SERVICE} hello"),
-        "jpackage": Command(["/usr/bin/env", "PATH=/nonexistent", peer / "bin/peer", "hello"],
-                            folder, "env PATH=/nonexistent $WORK/peer/bin/peer hello"),
+        "jpackage": Command([peer / "bin/peer", "hello"], folder,
+                            "PATH=/nonexistent $WORK/peer/bin/peer hello",
+                            env={"PATH": "/nonexistent"}),
         "jsvc": Command(
             [*jsvc, "-cp", f"{daemon}:{CLASS_PATH}:{WORK / 'jsvc'}", "JsvcService", "hello"],
             folder, f"{jsvc_shown} -cp {daemon}:{CLASS_PATH}:$WORK/jsvc JsvcService hello"),

@@ -53,7 +53,7 @@ VARIANTS = {
     "no stack protector": ([], [("-fstack-protector-strong", "")], []),
 }
 TARGET = "OrvaneService"
-KEPT, NOTHING = "the product has the better", "no gain"
+KEPT, NOTHING = "the product has the better", "nothing a whole run would show"
 # Why each is not what the product does.
 VERDICTS = {
     AS_IT_IS: "",

@@ -34,8 +34,9 @@ public:
     std::uint64_t registerMethod(const JMethod& method);
 
     /// Attaches the thread, calls the method with the arguments as its String[], byte for
-    /// byte, waits for it to return and detaches. A Java exception that leaves the method
-    /// goes unnoticed. std::runtime_error if id is not registered.
+    /// byte, waits for it to return and detaches, which ends what is registered: one call a
+    /// JVM. A Java exception that leaves the method goes unnoticed. std::runtime_error if id
+    /// is not registered.
     void callJMethod(std::uint64_t id, const std::vector<std::string>& args);
 
     /// Attaches the calling thread; the result is ignored.

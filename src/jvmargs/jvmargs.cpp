@@ -16,7 +16,7 @@ const std::string SERVICE_CONTENTS = "/Applications/" + BRAND +
                                      "Service.app/Contents";
 const std::string DATA_DIR = "/Library/Application Support/Quillrest";
 
-/// systemPath itself, or the same path inside the home folder of a per-user run.
+/// systemPath itself, or its counterpart in the home folder of a per-user run.
 std::string installPath(bool isSystemInstall, const std::string& systemPath) {
     return isSystemInstall ? systemPath : getUserSpecificPath("/Users/", systemPath, "/");
 }

@@ -4,13 +4,13 @@
 #include <vector>
 
 /// Where the product lies on disk, and the options every run of its VM starts with.
-/// Nothing here touches a file, keeps state or checks that a path exists; every path is
-/// absolute and ends without a separator. Any thread may call any of it.
+/// No file is touched, no state kept, and no path looked for on disk. Any thread may call
+/// any of it.
 namespace launcher {
 
-/// The directory of the running executable, as the platform names it: links and dots
-/// unresolved, no separator at the end. Slash and backslash both separate. Empty if the
-/// path and its terminator need more than 1024 bytes.
+/// The path of the running executable as the platform names it, links and dots unresolved,
+/// up to its last slash or backslash; all of it if there is neither. Empty if the path and
+/// its terminator need more than 1024 bytes.
 std::string getExeDir();
 
 /// root, the home folder's name, suffix. The name is what follows the first root in

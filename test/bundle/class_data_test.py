@@ -8,11 +8,11 @@ import time
 import unittest
 import zipfile
 
-from support import VERSION
+from support import ROOT, VERSION
 from support.bundle import CLASS_DATA, JAR, Bundle, in_each_mode
 from support.private_root import BUILD_DIR
 
-SCRIPT = pathlib.Path(__file__).parents[2] / "script/class-data"
+SCRIPT = ROOT / "script/class-data"
 REPORTING = {"LogConfig", "Messages", "QRService", "Report", "Text"}
 ARCHIVED = "shared objects file"
 DONE = "Running the service once: N s\nArchiving the classes it used: N s\n"
@@ -78,16 +78,16 @@ class ClassDataTest(unittest.TestCase):
 
     def test_a_run_that_fails_leaves_the_class_data_there_was(self):
         bundle = Bundle(self, copied=True)
-        before = bundle.resource(CLASS_DATA).stat()
+        before = identity(bundle.resource(CLASS_DATA))
         status, said = self.make(bundle, arguments=["exit", "3"])
         self.assertEqual(
             (status, said.splitlines()[-1]),
             (1, "class-data: Running the service once: status 3 after N s; it said the above"))
-        self.assertEqual(bundle.resource(CLASS_DATA).stat(), before)
+        self.assertEqual(identity(bundle.resource(CLASS_DATA)), before)
 
     def test_an_interrupted_run_takes_the_service_with_it_and_leaves_the_class_data(self):
         bundle = Bundle(self, copied=True)
-        before = bundle.resource(CLASS_DATA).stat()
+        before = identity(bundle.resource(CLASS_DATA))
         app = bundle.root.path("/Applications/Orvane.app")
         with subprocess.Popen([SCRIPT, app, "stay"], stderr=subprocess.PIPE) as script:
             children = pathlib.Path(f"/proc/{script.pid}/task/{script.pid}/children")
@@ -100,13 +100,19 @@ class ClassDataTest(unittest.TestCase):
         while command_of(services[0]) and time.monotonic() < deadline:
             time.sleep(0.01)
         self.assertEqual(command_of(services[0]), "")
-        self.assertEqual(bundle.resource(CLASS_DATA).stat(), before)
+        self.assertEqual(identity(bundle.resource(CLASS_DATA)), before)
 
     def test_a_folder_that_is_no_bundle_is_refused(self):
         result = subprocess.run([SCRIPT, BUILD_DIR], capture_output=True, text=True)
         self.assertEqual((result.returncode, result.stderr),
                          (1, f"class-data: '{BUILD_DIR}' is no bundle of the service; "
                              "name the Orvane.app of an Applications folder\n"))
+
+
+def identity(path):
+    """What changes when a file is replaced or written to, but not when it is linked to."""
+    stat = path.stat()
+    return stat.st_ino, stat.st_size, stat.st_mtime_ns
 
 
 def command_of(pid):

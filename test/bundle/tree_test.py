@@ -8,7 +8,8 @@ import subprocess
 import tempfile
 import unittest
 
-from support.bundle import APPLICATIONS, CLASS_DATA, CONTENTS
+from support import CONTENTS
+from support.bundle import APPLICATIONS, CLASS_DATA
 from support.private_root import BUILD_DIR
 
 LAUNCHER = [

@@ -8,10 +8,10 @@ import subprocess
 import tempfile
 import unittest
 
-from support.bundle import CONTENTS, Bundle
+from support import CONTENTS, ROOT
+from support.bundle import Bundle
 from support.private_root import BUILD_DIR
 
-SOURCE = pathlib.Path(__file__).parents[2]
 JDK = pathlib.Path(os.environ["JAVA_HOME"])
 DATABASE = pathlib.Path("/usr/share/java/hsqldb.jar")
 
@@ -62,7 +62,7 @@ class VendorTest(unittest.TestCase):
 
     def configure(self, **variables):
         return subprocess.run(
-            ["cmake", "-S", SOURCE, "-B", self.build, "-DBUILD_TESTING=OFF",
+            ["cmake", "-S", ROOT, "-B", self.build, "-DBUILD_TESTING=OFF",
              *(f"-D{name}={value}" for name, value in variables.items())],
             capture_output=True, text=True)
 

@@ -12,7 +12,9 @@ import subprocess
 import tempfile
 import unittest
 
-SCRIPT = pathlib.Path(__file__).resolve().parents[2] / "script" / "check-install"
+from support import ROOT
+
+SCRIPT = ROOT / "script" / "check-install"
 NAME = getpass.getuser()
 APP = f"/Users/{NAME}/Applications/Orvane.app"
 CONTENTS = APP + "/Contents/Library/LaunchServices/OrvaneService.app/Contents"
@@ -87,13 +89,14 @@ class CheckInstall(unittest.TestCase):
         os.remove(self.at(JSA))
         os.chmod(self.at(CONTENTS + "/Resources/jre/lib/jspawnhelper"), 0o644)
         self.check(
-            f"{CONTENTS}/Resources/jre/lib/jspawnhelper: missing; "
+            f"{CONTENTS}/Resources/jre/lib/jspawnhelper: not executable; "
             "the service cannot start processes without it",
-            f"{JSA}: missing; starts are slower without it: make the class-data archive")
+            f"{JSA}: missing; starts are slower without it: run script/class-data on Orvane.app")
 
     def test_class_data_older_than_the_archive_is_reported(self):
         os.utime(self.at(JSA), (0, 0))
-        self.check(f"{JSA}: older than the service's archive; make the class-data archive anew")
+        self.check(f"{JSA}: older than the service's archive; "
+                   "run script/class-data on Orvane.app again")
 
     def test_what_others_may_write_is_reported(self):
         self.write(ARGS, mode=0o666)

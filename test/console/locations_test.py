@@ -1,8 +1,8 @@
 import os
 import unittest
 
-from support import expected
-from support.launcher import ABORTED, CONTENTS, Launcher, Run, finished
+from support import CONTENTS, expected
+from support.launcher import ABORTED, Launcher, Run, finished
 
 USER = b"-Duser.install=1"
 OUT_OF_RANGE = b"terminate called after throwing an instance of 'std::out_of_range'\n  what():  "

@@ -3,7 +3,6 @@ import unittest
 
 from support import expected
 from support.launcher import Launcher, Run, finished
-from support.private_root import Result
 
 USER = b"-Duser.install=1"
 ALICE = b"/Users/alice"
@@ -131,12 +130,3 @@ class MainFlowTest(unittest.TestCase):
         calls = [call.replace("class#2", "null") for call in expectation.calls]
         self.assertEqual(Launcher(self).run(missing_class="java/lang/String"),
                          expectation._replace(calls=calls))
-
-    def test_a_closed_standard_output_does_not_stop_the_run(self):
-        launcher = Launcher(self)
-        result = launcher.root.run(
-            ["/bin/sh", "-c", 'exec "$0" >&-', launcher.program], cwd=launcher.folder,
-            env={"RUNTIME_RECORD": "/tmp/calls"})
-        self.assertEqual(result, Result(0, b"", b""))
-        self.assertEqual(launcher.root.path("/tmp/calls").read_text().splitlines(),
-                         [*expected.calls(), "exit"])

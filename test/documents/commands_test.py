@@ -9,7 +9,7 @@ import subprocess
 import tempfile
 import unittest
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
+from support import CONTENTS, ROOT
 
 # Run by continuous integration itself: all tests, and what needs the npm registry.
 RUN_ELSEWHERE = {"script/test", "script/cross-macos"}
@@ -47,9 +47,8 @@ class Commands(unittest.TestCase):
         self.assertEqual(["Service is complete."], self.follow("README.md"))
 
         self.follow("docs/packaging.md")
-        contents = "Orvane.app/Contents/Library/LaunchServices/OrvaneService.app/Contents"
         run = subprocess.run(["./OrvaneService"], capture_output=True, text=True,
-                             cwd=self.copy / "build/example/Applications" / contents / "MacOS")
+                             cwd=self.copy / "build/example/Applications" / CONTENTS / "MacOS")
         self.assertEqual(
             ("", ["Starting service.", "Hello from OrvaneService", "Service is complete."], 0),
             (run.stderr, run.stdout.splitlines()[-3:], run.returncode))

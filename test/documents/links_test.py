@@ -1,8 +1,8 @@
-import pathlib
 import re
 import unittest
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
+from support import ROOT
+
 
 
 class Links(unittest.TestCase):

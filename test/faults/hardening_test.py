@@ -1,15 +1,15 @@
 """How the executable is hardened, by readelf and the commands it was compiled with."""
 
 import json
-import pathlib
 import re
 import subprocess
 import unittest
 
+from support import ROOT
 from support.launcher import PROGRAM
 from support.private_root import BUILD_DIR
 
-SRC = pathlib.Path(__file__).resolve().parents[2] / "src"
+SRC = ROOT / "src"
 
 
 def readelf(*arguments):

@@ -9,10 +9,11 @@ import tarfile
 import tempfile
 import unittest
 
+from support import CONTENTS
+
 BUILD = pathlib.Path(os.environ["BUILD_DIR"])
-SERVICE = "Orvane.app/Contents/Library/LaunchServices/OrvaneService.app/Contents"
-EXECUTABLE = SERVICE + "/MacOS/OrvaneService"
-RUNTIME = SERVICE + "/Resources/jre"
+EXECUTABLE = CONTENTS + "/MacOS/OrvaneService"
+RUNTIME = CONTENTS + "/Resources/jre"
 LISTING = f"""\
 Orvane.app/
 Orvane.app/Contents/
@@ -20,27 +21,27 @@ Orvane.app/Contents/Info.plist
 Orvane.app/Contents/Library/
 Orvane.app/Contents/Library/LaunchServices/
 Orvane.app/Contents/Library/LaunchServices/OrvaneService.app/
-{SERVICE}/
-{SERVICE}/Frameworks/
-{SERVICE}/Info.plist
-{SERVICE}/MacOS/
-{SERVICE}/MacOS/OrvaneService*
-{SERVICE}/Resources/
-{SERVICE}/Resources/bin/
-{SERVICE}/Resources/bin/service-version*
-{SERVICE}/Resources/conf/
-{SERVICE}/Resources/conf/service.log.xml
-{SERVICE}/Resources/lang/
-{SERVICE}/Resources/lang/messages.properties
-{SERVICE}/Resources/launchd/
-{SERVICE}/Resources/launchd/com.vaultory.service.agent.plist.in
-{SERVICE}/Resources/launchd/com.vaultory.service.plist
-{SERVICE}/Resources/launchd/make-agent*
-{SERVICE}/Resources/lib/
-{SERVICE}/Resources/lib/com.vaultory.desktop.jar
-{SERVICE}/Resources/man/
-{SERVICE}/Resources/man/man8/
-{SERVICE}/Resources/man/man8/OrvaneService.8
+{CONTENTS}/
+{CONTENTS}/Frameworks/
+{CONTENTS}/Info.plist
+{CONTENTS}/MacOS/
+{CONTENTS}/MacOS/OrvaneService*
+{CONTENTS}/Resources/
+{CONTENTS}/Resources/bin/
+{CONTENTS}/Resources/bin/service-version*
+{CONTENTS}/Resources/conf/
+{CONTENTS}/Resources/conf/service.log.xml
+{CONTENTS}/Resources/lang/
+{CONTENTS}/Resources/lang/messages.properties
+{CONTENTS}/Resources/launchd/
+{CONTENTS}/Resources/launchd/com.vaultory.service.agent.plist.in
+{CONTENTS}/Resources/launchd/com.vaultory.service.plist
+{CONTENTS}/Resources/launchd/make-agent*
+{CONTENTS}/Resources/lib/
+{CONTENTS}/Resources/lib/com.vaultory.desktop.jar
+{CONTENTS}/Resources/man/
+{CONTENTS}/Resources/man/man8/
+{CONTENTS}/Resources/man/man8/OrvaneService.8
 """
 
 
@@ -78,7 +79,7 @@ class Archive(unittest.TestCase):
         self.assertEqual(self.cached("BUNDLE_RUNTIME") == "ON", bool(runtime))
         self.assertEqual((BUILD / "src/OrvaneService").read_bytes(),
                          self.archive.extractfile(EXECUTABLE).read())
-        jar = SERVICE + "/Resources/lib/com.vaultory.desktop.jar"
+        jar = CONTENTS + "/Resources/lib/com.vaultory.desktop.jar"
         self.assertEqual(int((BUILD / "Applications" / jar).stat().st_mtime),
                          self.archive.getmember(jar).mtime, "class data are for a jar of that time")
         outside = [member for member in self.archive.getmembers()

@@ -10,9 +10,8 @@ import subprocess
 import tempfile
 import unittest
 
-from support import macho
+from support import ROOT, macho
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
 EXECUTABLE = ROOT / "build/macos-universal/src/OrvaneService"
 JVM = "@rpath/libjvm.dylib"
 SYSTEM = "/usr/lib/libSystem.B.dylib"

@@ -8,9 +8,8 @@ import stat
 import subprocess
 import unittest
 
-from support import VERSION
+from support import ROOT, VERSION
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
 OUTER = pathlib.Path(os.environ["BUILD_DIR"]) / "Applications/Orvane.app/Contents"
 SERVICE = "Library/LaunchServices/OrvaneService.app/Contents"
 LAUNCHD = OUTER / SERVICE / "Resources/launchd"

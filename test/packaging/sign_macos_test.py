@@ -13,7 +13,8 @@ import subprocess
 import tempfile
 import unittest
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
+from support import ROOT
+
 SCRIPT = ROOT / "script/sign-macos"
 SERVICE = "Contents/Library/LaunchServices/OrvaneService.app"
 USAGE = (f"sign-macos: call {SCRIPT} [--dry-run] [--hardened [--notarize PROFILE]] "

@@ -1,15 +1,14 @@
 """The hosted build calls the project's own commands and nothing else."""
 
 import os
-import pathlib
 import unittest
+
+from support import ROOT
 
 try:
     import yaml
 except ImportError:
     yaml = None
-
-ROOT = pathlib.Path(__file__).resolve().parents[2]
 
 
 class Workflow(unittest.TestCase):

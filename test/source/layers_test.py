@@ -1,11 +1,12 @@
 """Which layer may include which: jvm and jvmargs nothing of the project but themselves,
 launcher both, and nothing launcher."""
 
-import pathlib
 import re
 import unittest
 
-SRC = pathlib.Path(__file__).resolve().parents[2] / "src"
+from support import ROOT
+
+SRC = ROOT / "src"
 
 
 def included_layers(layer):

@@ -5,8 +5,7 @@ import os
 import pathlib
 import shutil
 
-from . import expected
-from .launcher import CONTENTS
+from . import CONTENTS, expected
 from .private_root import BUILD_DIR, PrivateRoot
 
 APPLICATIONS = pathlib.Path(os.environ.get("APPLICATIONS", BUILD_DIR / "Applications"))

@@ -2,10 +2,9 @@
 
 import typing
 
-from . import expected
+from . import CONTENTS, expected
 from .private_root import BUILD_DIR, PrivateRoot
 
-CONTENTS = "Orvane.app/Contents/Library/LaunchServices/OrvaneService.app/Contents"
 PROGRAM = BUILD_DIR / "Applications" / CONTENTS / "MacOS/OrvaneService"
 RUNTIME = BUILD_DIR / "test/runtime/libjvm.so"
 ABORTED = 128 + 6
