@@ -26,7 +26,7 @@ BUNDLE = pathlib.Path("/Applications", CONTENTS)
 OVERRIDE_FILE = pathlib.Path("/Library/Application Support/Quillrest/conf/jvm_args")
 SERVICE = "com.vaultory.service.QRService"
 CLASS_PATH = "../Resources/lib/com.vaultory.desktop.jar:../Resources/lang"
-OPTIONS = (SOURCE / "test/expected/default_options.txt").read_text().replace("{home}", "")
+OPTIONS = (SOURCE / "test/support/default_options.txt").read_text().replace("{home}", "")
 OPTIONS = OPTIONS.splitlines()
 
 WARM_UP, FLOOR_ROUNDS, ROUNDS, HEAVY_ROUNDS, LINE_ROUNDS = 2, 150, 80, 40, 30
@@ -170,7 +170,7 @@ def prepare_heavy():
     run(JDK / "bin/javac", "-d", folder / "classes", "-cp", jar,
         HERE / "java/heavy/com/vaultory/service/QRService.java")
     run(JDK / "bin/jar", "uf", jar, "-C", folder / "classes", ".")
-    run("cmake", "--preset", "release", "-B", folder / "build", f"-DBUNDLE_ARCHIVE={jar}",
+    run("cmake", "--preset", "release", "-B", folder / "build", f"-DBUNDLE_JAR={jar}",
         f"-DBUNDLE_JDK={JDK}", "-DBUILD_TESTING=OFF", cwd=SOURCE,
         env={**os.environ, "JAVA_HOME": str(JDK)})
     run("cmake", "--build", folder / "build")

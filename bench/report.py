@@ -181,7 +181,7 @@ alone does to such figures.
 """, table(["", *WHAT.values()], ratio_rows), """
 All host the sample service in the bundle's runtime image with the same options, and write to
 `/dev/null`, the class-heavy one to a pipe. jpackage's launcher gets an empty `PATH`: on Linux it
-otherwise asks the package manager for itself at every start. The class-heavy service runs in the bundle made for it by `BUNDLE_ARCHIVE`, and
+otherwise asks the package manager for itself at every start. The class-heavy service runs in the bundle made for it by `BUNDLE_JAR`, and
 beside it in the JDK. It is timed until it says that it is ready; CPU and memory are of the whole
 run. Working directory: `$BUNDLE/MacOS`; environment: `PATH` and `LC_ALL=C.UTF-8`.
 

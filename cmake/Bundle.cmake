@@ -1,6 +1,6 @@
 # The bundle around the launcher: the service, its folders and the Java runtime. What a vendor
 # puts in the sample's place is named by the variables below, checked here.
-set(BUNDLE_ARCHIVE "" CACHE FILEPATH
+set(BUNDLE_JAR "" CACHE FILEPATH
     "The service's archive, with com/vaultory/service/QRService.class; empty for the sample")
 set(BUNDLE_LANG "${PROJECT_SOURCE_DIR}/service/lang" CACHE PATH
     "The folder of the service's texts, second on its class path")
@@ -12,7 +12,7 @@ set(BUNDLE_FRAMEWORKS "" CACHE PATH "The folder of the service's native librarie
 option(BUNDLE_RUNTIME "Put a Java runtime into the bundle" ON)
 set(BUNDLE_JDK "${JAVA_HOME}" CACHE PATH "The JDK, 11 or later, that the runtime is taken from")
 set(BUNDLE_MODULES "" CACHE STRING "Modules of the runtime beyond those the archive refers to")
-option(BUNDLE_CLASS_DATA "Run the service once when installing, to make every start faster" ON)
+option(BUNDLE_CDS_ARCHIVE "Run the service once when installing, to make every start faster" ON)
 set(BUNDLE_TRAINING_ARGUMENTS "" CACHE STRING "Arguments of the launcher in that run")
 set(BUNDLE_TRAINING_SECONDS 30 CACHE STRING "How long that run may take before SIGTERM ends it")
 
@@ -30,6 +30,9 @@ function(need_folder variable)
     endif()
 endfunction()
 
+if(DEFINED BUNDLE_ARCHIVE)
+    refuse(BUNDLE_ARCHIVE "is now called BUNDLE_JAR; set that instead")
+endif()
 need_folder(BUNDLE_LANG)
 need_folder(BUNDLE_CONF service.log.xml)
 need_folder(BUNDLE_BIN)
@@ -37,18 +40,18 @@ if(BUNDLE_FRAMEWORKS)
     need_folder(BUNDLE_FRAMEWORKS)
 endif()
 
-if(BUNDLE_ARCHIVE)
+if(BUNDLE_JAR)
     set(main_class com/vaultory/service/QRService.class)
-    if(NOT EXISTS "${BUNDLE_ARCHIVE}" OR IS_DIRECTORY "${BUNDLE_ARCHIVE}")
-        refuse(BUNDLE_ARCHIVE "'${BUNDLE_ARCHIVE}' is not a file; name the service's archive")
+    if(NOT EXISTS "${BUNDLE_JAR}" OR IS_DIRECTORY "${BUNDLE_JAR}")
+        refuse(BUNDLE_JAR "'${BUNDLE_JAR}' is not a file; name the service's archive")
     endif()
-    execute_process(COMMAND ${CMAKE_COMMAND} -E tar tf "${BUNDLE_ARCHIVE}" ${main_class}
+    execute_process(COMMAND ${CMAKE_COMMAND} -E tar tf "${BUNDLE_JAR}" ${main_class}
         OUTPUT_VARIABLE found ERROR_QUIET)
     if(NOT found MATCHES "${main_class}")
-        refuse(BUNDLE_ARCHIVE
-            "'${BUNDLE_ARCHIVE}' is no archive with ${main_class}, which the launcher calls")
+        refuse(BUNDLE_JAR
+            "'${BUNDLE_JAR}' is no archive with ${main_class}, which the launcher calls")
     endif()
-    set(archive "${BUNDLE_ARCHIVE}")
+    set(archive "${BUNDLE_JAR}")
 else()
     add_subdirectory(${PROJECT_SOURCE_DIR}/service)
     get_target_property(archive service JAR_FILE)

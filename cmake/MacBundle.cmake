@@ -27,10 +27,10 @@ endfunction()
 launchd_job(com.vaultory.service.plist com.vaultory.service "" "")
 launchd_job(com.vaultory.service.agent.plist.in com.vaultory.service.agent @HOME@ "
 		<string>-Duser.install=1</string>")
-install(PROGRAMS ${PROJECT_SOURCE_DIR}/bundle/make-agent
+install(PROGRAMS ${PROJECT_SOURCE_DIR}/operator/make-agent
     DESTINATION ${CONTENTS}/Resources/launchd COMPONENT launcher)
 
-install(FILES ${PROJECT_SOURCE_DIR}/docs/OrvaneService.8
+install(FILES ${PROJECT_SOURCE_DIR}/bundle/OrvaneService.8
     DESTINATION ${CONTENTS}/Resources/man/man8 COMPONENT launcher)
 
 # The archive is of the installed bundle, and not of one installed anew: on macOS the bundle

@@ -53,14 +53,14 @@ install(CODE [[
     endif()]] COMPONENT runtime)
 install(DIRECTORY ${runtime} DESTINATION ${resources} COMPONENT runtime USE_SOURCE_PERMISSIONS)
 
-if(BUNDLE_CLASS_DATA)
+if(BUNDLE_CDS_ARCHIVE)
     # Last of all; anew where the VM would refuse what is there, or the training was changed,
     # and whenever this component is installed by itself.
     set(training_arguments "")
     foreach(argument IN LISTS BUNDLE_TRAINING_ARGUMENTS)
         string(APPEND training_arguments " [==[${argument}]==]")
     endforeach()
-    configure_file(cmake/install_class_data.cmake.in ${PROJECT_BINARY_DIR}/install_class_data.cmake
+    configure_file(cmake/install_cds_archive.cmake.in ${PROJECT_BINARY_DIR}/install_cds_archive.cmake
         @ONLY)
-    install(SCRIPT ${PROJECT_BINARY_DIR}/install_class_data.cmake COMPONENT class-data)
+    install(SCRIPT ${PROJECT_BINARY_DIR}/install_cds_archive.cmake COMPONENT class-data)
 endif()

@@ -10,7 +10,7 @@ CLASS_PATH = b"-Djava.class.path=../Resources/lib/com.vaultory.desktop.jar:../Re
 STARTING = b"Starting service.\n"
 COMPLETE = b"Service is complete.\n"
 
-_DEFAULTS = pathlib.Path(__file__).parents[1] / "expected" / "default_options.txt"
+_DEFAULTS = pathlib.Path(__file__).with_name("default_options.txt")
 
 
 def options(home=b"", lines=None):

@@ -1,4 +1,4 @@
-"""script/check-install over installations made in a temporary folder:
+"""operator/check-install over installations made in a temporary folder:
 
     ROOT/Users/NAME/Applications/Orvane.app/...      the bundle
     ROOT/Users/NAME/Library/Application Support/...  the data folder
@@ -14,7 +14,7 @@ import unittest
 
 from support import ROOT
 
-SCRIPT = ROOT / "script" / "check-install"
+SCRIPT = ROOT / "operator/check-install"
 NAME = getpass.getuser()
 APP = f"/Users/{NAME}/Applications/Orvane.app"
 CONTENTS = APP + "/Contents/Library/LaunchServices/OrvaneService.app/Contents"
@@ -91,12 +91,12 @@ class CheckInstall(unittest.TestCase):
         self.check(
             f"{CONTENTS}/Resources/jre/lib/jspawnhelper: not executable; "
             "the service cannot start processes without it",
-            f"{JSA}: missing; starts are slower without it: run script/class-data on Orvane.app")
+            f"{JSA}: missing; starts are slower without it: run operator/update-cds-archive on Orvane.app")
 
     def test_class_data_older_than_the_archive_is_reported(self):
         os.utime(self.at(JSA), (0, 0))
         self.check(f"{JSA}: older than the service's archive; "
-                   "run script/class-data on Orvane.app again")
+                   "run operator/update-cds-archive on Orvane.app again")
 
     def test_what_others_may_write_is_reported(self):
         self.write(ARGS, mode=0o666)

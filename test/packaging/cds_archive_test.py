@@ -12,7 +12,7 @@ from support import ROOT, VERSION
 from support.bundle import CLASS_DATA, JAR, Bundle, in_each_mode
 from support.private_root import BUILD_DIR
 
-SCRIPT = ROOT / "script/class-data"
+SCRIPT = ROOT / "operator/update-cds-archive"
 REPORTING = {"LogConfig", "Messages", "QRService", "Report", "Text"}
 ARCHIVED = "shared objects file"
 DONE = "Running the service once: N s\nArchiving the classes it used: N s\n"
@@ -82,7 +82,7 @@ class ClassDataTest(unittest.TestCase):
         status, said = self.make(bundle, arguments=["exit", "3"])
         self.assertEqual(
             (status, said.splitlines()[-1]),
-            (1, "class-data: Running the service once: status 3 after N s; it said the above"))
+            (1, "update-cds-archive: Running the service once: status 3 after N s; it said the above"))
         self.assertEqual(identity(bundle.resource(CLASS_DATA)), before)
 
     def test_an_interrupted_run_takes_the_service_with_it_and_leaves_the_class_data(self):
@@ -105,7 +105,7 @@ class ClassDataTest(unittest.TestCase):
     def test_a_folder_that_is_no_bundle_is_refused(self):
         result = subprocess.run([SCRIPT, BUILD_DIR], capture_output=True, text=True)
         self.assertEqual((result.returncode, result.stderr),
-                         (1, f"class-data: '{BUILD_DIR}' is no bundle of the service; "
+                         (1, f"update-cds-archive: '{BUILD_DIR}' is no bundle of the service; "
                              "name the Orvane.app of an Applications folder\n"))
 
 

@@ -61,7 +61,7 @@ class Archive(unittest.TestCase):
         return re.search(rf"^{variable}:\w+=(.*)$", self.cache, re.MULTILINE).group(1)
 
     def test_the_archive_is_the_installed_bundle(self):
-        system = "Darwin" if "macos/toolchain.cmake" in self.cache else "Linux"
+        system = "Darwin" if "toolchain/toolchain.cmake" in self.cache else "Linux"
         self.assertEqual([f"Orvane-{self.cached('CMAKE_PROJECT_VERSION')}-{system}.tar.gz"],
                          self.names)
         listing, runtime = [], set()

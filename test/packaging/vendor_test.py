@@ -89,10 +89,10 @@ class VendorTest(unittest.TestCase):
             "   BUNDLE_CONF: '/nowhere' is not a folder; name the one to install",
             f"   BUNDLE_CONF: '{empty}' holds no service.log.xml, which the launcher names; add it",
         ])
-        self.assertEqual(self.refusals("BUNDLE_ARCHIVE", ["/nowhere", empty, classless]), [
-            "   BUNDLE_ARCHIVE: '/nowhere' is not a file; name the service's archive",
-            f"   BUNDLE_ARCHIVE: '{empty}' is not a file; name the service's archive",
-            f"   BUNDLE_ARCHIVE: '{classless}' is no archive with "
+        self.assertEqual(self.refusals("BUNDLE_JAR", ["/nowhere", empty, classless]), [
+            "   BUNDLE_JAR: '/nowhere' is not a file; name the service's archive",
+            f"   BUNDLE_JAR: '{empty}' is not a file; name the service's archive",
+            f"   BUNDLE_JAR: '{classless}' is no archive with "
             "com/vaultory/service/QRService.class, which the launcher calls",
         ])
         self.assertEqual(self.refusals("BUNDLE_JDK", [empty]), [
@@ -113,7 +113,7 @@ class VendorTest(unittest.TestCase):
         applications = self.folder / "Applications"
         configured = self.configure(
             CMAKE_BUILD_TYPE="Release",
-            BUNDLE_ARCHIVE=self.database_archive(),
+            BUNDLE_JAR=self.database_archive(),
             BUNDLE_LANG=self.put("lang/texts.properties").parent,
             BUNDLE_CONF=self.put("conf/service.log.xml").parent,
             BUNDLE_BIN=self.put("bin/tool").parent,
