@@ -5,15 +5,15 @@
 
 namespace launcher {
 
-/// A static Java method by name, in the forms the JNI uses: a class with slashes, and a
-/// method descriptor such as "([Ljava/lang/String;)V".
+/// Names a static Java method in the JNI's forms: a class name with slashes, a method name
+/// and a descriptor such as "([Ljava/lang/String;)V".
 struct JMethod {
     std::string className;
     std::string methodName;
     std::string signature;
 
-    /// The method's registration identifier: equal for equal texts within one process,
-    /// and possibly equal for different ones.
+    /// Returns the registration identifier: the same for the same text within one process.
+    /// Different methods can share one.
     std::uint32_t getHash() const;
 };
 

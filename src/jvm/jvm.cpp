@@ -8,13 +8,14 @@ namespace launcher {
 
 namespace {
 
-/// The record JNI_CreateJavaVM takes, and copies of all strings it points to.
+/// The argument of JNI_CreateJavaVM, with copies of all strings it points to.
 class JVMInitArgs {
 public:
     JVMInitArgs(const std::vector<std::string>& options, const std::string& classPath)
         : jvmOptions(options, classPath) {
         rawArgs.version = JNI_VERSION_1_8;
         rawArgs.nOptions = static_cast<jint>(jvmOptions.getRawOptions().size());
+        // The JNI declares no const; the VM only reads.
         rawArgs.options = const_cast<JavaVMOption*>(jvmOptions.getRawOptions().data());
         rawArgs.ignoreUnrecognized = JNI_FALSE;
     }
@@ -25,7 +26,7 @@ public:
     const JavaVMInitArgs* getRawArgs() const { return &rawArgs; }
 
 private:
-    /// The option strings and the records that point into them, class path first.
+    /// The option strings, and the records that point into them, class path first.
     class JVMOptions {
     public:
         JVMOptions(std::vector<std::string> optionList, std::string classPathOption)
@@ -54,8 +55,8 @@ private:
 
 }  // namespace
 
-/// Owns one Java String[]: a local reference, deleted with the object. The references of
-/// its elements are left to the VM.
+/// Owns the local reference to one Java String[] and deletes it on destruction. The references
+/// to its elements are left to the VM.
 class JVM::JArray {
 public:
     JArray(const std::vector<std::string>& list, const jclass& elementClass, JNIEnv* jniEnv)
@@ -127,7 +128,8 @@ void JVM::callJMethod(std::uint64_t id, const std::vector<std::string>& args) {
     const auto registered = registeredMethods.find(id);
     if (registered == registeredMethods.end()) {
         std::ostringstream message;
-        message << "Failed to find method. RegID: '" << id << "' with args:\n";
+        // to_string, because a stream may group digits as the global locale says.
+        message << "Failed to find method. RegID: '" << std::to_string(id) << "' with args:\n";
         for (const std::string& arg : args) {
             message << "\t" << arg << "\n";
         }
@@ -135,6 +137,8 @@ void JVM::callJMethod(std::uint64_t id, const std::vector<std::string>& args) {
     }
     attachCurrentThread();
     callJavaMethod(registered->second, args);
+    // Ends the thread for Java, as if main's had ended: an exception that left main is reported
+    // now, and not after DestroyJavaVM has waited for the other threads.
     detachCurrentThread();
 }
 

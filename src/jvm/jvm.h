@@ -12,14 +12,14 @@
 
 namespace launcher {
 
-/// Owns the one Java VM of the process, from construction to destruction. All of it is
-/// for the constructing thread alone: the registered classes are that thread's local
-/// references. Java exceptions are never looked for.
+/// Owns the process's one Java VM, from construction to destruction. Use it on the
+/// constructing thread only: the registered classes are that thread's local references.
+/// Java exceptions are never checked for.
 class JVM {
 public:
-    /// Creates the VM; classPath, a whole option, goes ahead of options. Both are copied,
-    /// and the copies are gone on return. std::runtime_error if the VM refuses, an
-    /// unrecognised option included.
+    /// Creates the VM with classPath, a whole option, followed by options. The VM is given
+    /// copies, freed on return. Throws std::runtime_error if the VM is not created, also
+    /// because of an option it does not recognise.
     JVM(const std::vector<std::string>& options, const std::string& classPath);
 
     /// Destroys the VM, which waits for every non-daemon Java thread. Never throws.
@@ -28,29 +28,29 @@ public:
     JVM(const JVM&) = delete;
     JVM& operator=(const JVM&) = delete;
 
-    /// Resolves the method and returns the identifier to call it by, below 2^32.
-    /// std::runtime_error if the class, or in it the static method, is not found. An
-    /// identifier already taken is reported on standard output and keeps its first method.
+    /// Resolves the method and returns its registration identifier, below 2^32. Throws
+    /// std::runtime_error if the class or its static method is not found. An identifier
+    /// already taken keeps its first method, with a notice on standard output.
     std::uint64_t registerMethod(const JMethod& method);
 
-    /// Attaches the thread, calls the method with the arguments as its String[], byte for
-    /// byte, waits for it to return and detaches, which ends what is registered: one call a
-    /// JVM. A Java exception that leaves the method goes unnoticed. std::runtime_error if id
-    /// is not registered.
+    /// Attaches the thread, calls the method with args, byte for byte, as its String[], and
+    /// detaches, which invalidates the registered classes: one call per JVM. A Java exception
+    /// counts as a normal return. Throws std::runtime_error if id is not registered.
     void callJMethod(std::uint64_t id, const std::vector<std::string>& args);
 
-    /// Attaches the calling thread; the result is ignored.
+    /// Attaches the calling thread and ignores the result.
     void attachCurrentThread();
 
-    /// Detaches the calling thread; the result is ignored.
+    /// Detaches the calling thread and ignores the result.
     void detachCurrentThread();
 
 private:
     class JArray;
     using RegisteredMethod = std::pair<jclass, jmethodID>;
 
-    /// Null if not found, here and below.
+    /// Returns null if the class is not found.
     jclass getClass(const std::string& className) const;
+    /// Returns null if the static method is not found.
     jmethodID getClassMethodWithSignature(const jclass& parentClass, const JMethod& method) const;
     void callJavaMethod(const RegisteredMethod& method, const std::vector<std::string>& args);
 

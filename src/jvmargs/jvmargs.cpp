@@ -2,7 +2,6 @@
 
 #include <array>
 #include <cstdint>
-#include <iterator>
 
 #include "jvmargs/executable_path.h"
 
@@ -10,13 +9,11 @@ namespace launcher {
 
 namespace {
 
-const std::string BRAND = "Orvane";
-const std::string SERVICE_CONTENTS = "/Applications/" + BRAND +
-                                     ".app/Contents/Library/LaunchServices/" + BRAND +
-                                     "Service.app/Contents";
-const std::string DATA_DIR = "/Library/Application Support/Quillrest";
+constexpr const char* SERVICE_CONTENTS =
+    "/Applications/Orvane.app/Contents/Library/LaunchServices/OrvaneService.app/Contents";
+constexpr const char* DATA_DIR = "/Library/Application Support/Quillrest";
 
-/// systemPath itself, or its counterpart in the home folder of a per-user run.
+/// systemPath itself, or its counterpart in the home directory of a per-user run.
 std::string installPath(bool isSystemInstall, const std::string& systemPath) {
     return isSystemInstall ? systemPath : getUserSpecificPath("/Users/", systemPath, "/");
 }
@@ -34,30 +31,30 @@ std::string getExeDir() {
 std::string getUserSpecificPath(const std::string& root, const std::string& suffix,
                                 const std::string& separators) {
     const std::string exeDir = getExeDir();
-    // Unsigned on purpose: npos + size() is size() - 1.
+    // Without root, npos + size() wraps around to size() - 1: such a run still gets a name.
     const std::string rest = exeDir.substr(exeDir.find(root) + root.size());
     return root + rest.substr(0, rest.find_first_of(separators)) + suffix;
 }
 
 std::string getJVMArgsFilePath(bool isSystemInstall) {
-    return installPath(isSystemInstall, DATA_DIR + "/conf/jvm_args");
+    return installPath(isSystemInstall, std::string(DATA_DIR) + "/conf/jvm_args");
 }
 
 std::vector<std::string> getDefaultJVMArgs(bool isSystemInstall) {
     const std::string contents = installPath(isSystemInstall, SERVICE_CONTENTS);
     const std::string data = installPath(isSystemInstall, DATA_DIR);
-    std::string options[] = {
+    return {
         "-Dsun.jnu.encoding=UTF-8",
         "-Dfile.encoding=UTF-8",
         "-Dsun.net.inetaddr.ttl=300",
         "-Dnetworkaddress.cache.ttl=300",
         "-Dsun.net.inetaddr.negative.ttl=0",
         "-Dnetworkaddress.cache.negative.ttl=0",
-        "-Dapp=" + BRAND + "Service",
-        "-DappBaseName=" + BRAND,
+        "-Dapp=OrvaneService",
+        "-DappBaseName=Orvane",
         "-Djna.nosys=true",
         "-Djava.awt.headless=true",
-        "-D" + BRAND + "=" + BRAND,
+        "-DOrvane=Orvane",
         "-Dnashorn.args=--no-deprecation-warning",
         "-Dorv.installation.enforcement.enabled=true",
         "-XX:-ShrinkHeapInSteps",
@@ -71,9 +68,6 @@ std::vector<std::string> getDefaultJVMArgs(bool isSystemInstall) {
         "-Dorv.config.defaultPath=" + contents + "/Resources/conf",
         "-Dorv.service.upgrade.path=" + data + "/upgrade",
     };
-    // An initializer list would copy them all.
-    return {std::make_move_iterator(std::begin(options)),
-            std::make_move_iterator(std::end(options))};
 }
 
 }  // namespace launcher

@@ -3,28 +3,28 @@
 #include <string>
 #include <vector>
 
-/// Where the product lies on disk, and the options every run of its VM starts with.
-/// No file is touched, no state kept, and no path looked for on disk. Any thread may call
-/// any of it.
+/// The product's locations on disk and its default VM options. These functions access no
+/// file, keep no state and do not check that a path exists. They can be called on any thread,
+/// and before main.
 namespace launcher {
 
-/// The path of the running executable as the platform names it, links and dots unresolved,
-/// up to its last slash or backslash; all of it if there is neither. Empty if the path and
-/// its terminator need more than 1024 bytes.
+/// Returns the path of the running executable as the platform reports it, links and dots
+/// unresolved, up to its last slash or backslash; all of it if it has neither. Returns an empty
+/// string if the path and its terminator need more than 1024 bytes.
 std::string getExeDir();
 
-/// root, the home folder's name, suffix. The name is what follows the first root in
-/// getExeDir(), up to any character of separators. Where root is absent the name is
-/// taken from index root.size() - 1 of the directory; std::out_of_range if that lies
-/// beyond its end.
+/// Returns root, the name of the home directory and suffix, joined. The name is what follows
+/// the first root in getExeDir(), up to any character of separators. Without root it begins at
+/// index root.size() - 1 of the directory; throws std::out_of_range if that is past the end.
 std::string getUserSpecificPath(const std::string& root, const std::string& suffix,
                                 const std::string& separators);
 
-/// The override file. Pass true for system-wide; a per-user path is made by
-/// getUserSpecificPath and fails as it does.
+/// Returns the path of the override file, system-wide if the flag is true. For a per-user
+/// path it throws as getUserSpecificPath does.
 std::string getJVMArgsFilePath(bool isSystemInstall);
 
-/// The 23 built-in VM options, in order. Flag and failure as for getJVMArgsFilePath.
+/// Returns the default VM options, in order. Takes the flag of getJVMArgsFilePath and throws
+/// as it does.
 std::vector<std::string> getDefaultJVMArgs(bool isSystemInstall);
 
 }  // namespace launcher

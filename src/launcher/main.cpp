@@ -1,19 +1,20 @@
 /// The launcher's run, from argv to the exit status, on the process's only thread:
 ///
-///   1. argv, less the program name, becomes the command line.
+///   1. argv without the program name becomes the command line.
 ///   2. The command line decides the install mode, which is printed at once.
-///   3. What is left of the command line are the application arguments; any other
-///      option is refused and ends the process with status 1.
-///   4. The VM options are the built-in defaults, the admitted lines of the override
-///      file and, per user, the install marker; a refused line ends the process too.
+///   3. The rest of the command line becomes the application arguments; any other
+///      option is rejected and ends the process with status 1.
+///   4. The VM options are the built-in defaults, the allowed lines of the override
+///      file and, per user, the install marker; a rejected line also ends the process.
 ///   5. Both lists are printed.
 ///   6. The VM is created, the service's main is found, called and waited for, and the
 ///      VM is destroyed. Only here are the VM's errors caught.
 ///
-/// Nothing is written to disk, no environment variable is read, and the working
-/// directory stays as it was: the class path and the run path are relative to it.
+/// The launcher writes no file, reads no environment variable and never changes its working
+/// directory: the class path and the run paths are relative to it.
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <cstdlib>
 #include <fstream>
@@ -21,6 +22,7 @@
 #include <iterator>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "jvm/jvm.h"
@@ -28,11 +30,11 @@
 
 namespace {
 
-const std::string USER_INSTALL_ARG = "-Duser.install=1";
-const std::string SYS_INSTALL_ARG = "-Duser.install=0";
+constexpr std::string_view USER_INSTALL_ARG = "-Duser.install=1";
+constexpr std::string_view SYS_INSTALL_ARG = "-Duser.install=0";
 
-/// What a line of the override file may begin with.
-const std::vector<std::string> WHITE_LIST_FILE_ARGS = {
+/// The allow-list of the override file: what a line may begin with.
+constexpr std::array<std::string_view, 3> WHITE_LIST_FILE_ARGS = {
     "-Xmx",
     "-Djava.net.preferIPv4Stack=",
     "-Dorv.security.mode=",
@@ -43,8 +45,8 @@ bool isUserInstall(const std::vector<std::string>& commandLine) {
     return std::count(commandLine.begin(), commandLine.end(), USER_INSTALL_ARG) != 0;
 }
 
-/// The arguments meant for the service: the command line less the install switches.
-/// Any other argument that begins with "-" is reported and ends the process, status 1.
+/// Returns the service's arguments: the command line without the install switches.
+/// Any other argument that begins with "-" is reported and ends the process with status 1.
 std::vector<std::string> parseAppArgs(const std::vector<std::string>& commandLine) {
     std::vector<std::string> appArgs;
     for (const std::string& arg : commandLine) {
@@ -62,12 +64,13 @@ std::vector<std::string> parseAppArgs(const std::vector<std::string>& commandLin
 
 bool isArgInWhiteList(const std::string& arg) {
     return std::any_of(WHITE_LIST_FILE_ARGS.begin(), WHITE_LIST_FILE_ARGS.end(),
-                       [&arg](const std::string& prefix) { return arg.starts_with(prefix); });
+                       [&arg](std::string_view prefix) { return arg.starts_with(prefix); });
 }
 
-/// The lines of the override file, each a whole option, byte for byte. Empty if the file
-/// cannot be opened; a read error counts as its end. A line outside the white list is
-/// reported and ends the process, status 1.
+/// Returns the lines of the override file, each a whole option, byte for byte; none if the
+/// file cannot be opened. A read error counts as the end of the file: whether a line that it
+/// cuts short is kept depends on the C++ library (libc++ keeps it, libstdc++ does not). A line
+/// that is not allowed is reported and ends the process with status 1.
 std::vector<std::string> getJVMArgsFromFile(bool isUser) {
     std::vector<std::string> fileArgs;
     std::ifstream file(launcher::getJVMArgsFilePath(!isUser));
@@ -75,7 +78,7 @@ std::vector<std::string> getJVMArgsFromFile(bool isUser) {
         return fileArgs;
     }
     std::cout << "jvm_args file found, loading arguments" << std::endl;
-    // Without it, getline would take an allocation failure for the end of the file.
+    // Otherwise getline would take an allocation failure for the end of the file.
     file.exceptions(std::ios_base::badbit);
     try {
         std::string line;
@@ -88,25 +91,23 @@ std::vector<std::string> getJVMArgsFromFile(bool isUser) {
             fileArgs.push_back(line);
         }
     } catch (const std::ios_base::failure&) {
-        // A read error.
+        // A read error counts as the end of the file.
     }
     return fileArgs;
 }
 
-/// The VM's options in order: defaults, override file, marker of a per-user run.
+/// Returns the VM options in order: defaults, override file, marker of a per-user run.
 std::vector<std::string> getJVMArgs(bool isUser) {
-    std::vector<std::string> defaults = launcher::getDefaultJVMArgs(!isUser);
-    std::vector<std::string> jvmArgs = getJVMArgsFromFile(isUser);
-    // In front: behind the defaults, any number of lines would move to new memory.
-    jvmArgs.insert(jvmArgs.begin(), std::make_move_iterator(defaults.begin()),
-                   std::make_move_iterator(defaults.end()));
+    std::vector<std::string> jvmArgs = launcher::getDefaultJVMArgs(!isUser);
+    const std::vector<std::string> fileArgs = getJVMArgsFromFile(isUser);
+    jvmArgs.insert(jvmArgs.end(), fileArgs.begin(), fileArgs.end());
     if (isUser) {
-        jvmArgs.push_back(USER_INSTALL_ARG);
+        jvmArgs.emplace_back(USER_INSTALL_ARG);
     }
     return jvmArgs;
 }
 
-/// Writes each element and a line feed to standard output, without a flush.
+/// Writes each element and a line feed to standard output without flushing.
 constexpr struct {
     void operator()(const std::vector<std::string>& list) const {
         std::copy(list.begin(), list.end(), std::ostream_iterator<std::string>(std::cout, "\n"));
@@ -126,6 +127,7 @@ void printJVMAndAppArgs(const std::vector<std::string>& jvmArgs,
 
 namespace launcher {
 
+// Declared first because it is not file-local: -Wmissing-declarations asks for it.
 void printUserLevel(bool isUser);
 
 void printUserLevel(bool isUser) {
