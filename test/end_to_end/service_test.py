@@ -1,5 +1,5 @@
 """The installed bundle runs its service on its real Java runtime. The private root of a
-test, a home folder in it for a per-user run:
+test, a home directory in it for a per-user run:
 
     /Applications/Orvane.app/.../OrvaneService.app/Contents   or below /Users/alice
         MacOS/OrvaneService        started here
@@ -24,7 +24,7 @@ class ServiceTest(unittest.TestCase):
     def assert_run(self, result, status, stdout, stderr=b""):
         self.assertEqual(result, (status, stdout, stderr))
 
-    def test_the_service_sees_what_the_launcher_hands_it(self):
+    def test_the_service_gets_what_the_launcher_passes(self):
         for bundle in in_each_mode(self):
             result = bundle.run("json")
             report = bundle.report(result.stdout, b"json")
@@ -70,22 +70,22 @@ class ServiceTest(unittest.TestCase):
                 b'Exception in thread "main" java.lang.IllegalStateException: No disk.\n'
                 b"\tat com.vaultory.service.QRService.main(QRService.java:N)\n")
 
-    def test_the_status_of_System_exit_is_the_process_s(self):
+    def test_the_status_of_System_exit_is_the_exit_status(self):
         for bundle in in_each_mode(self):
             self.assert_run(bundle.run("exit", "3"), 3, bundle.until_main(b"exit", b"3"))
 
     def test_a_signal_runs_the_shutdown_hooks(self):
         for number in signal.SIGTERM, signal.SIGINT, signal.SIGHUP:
             for bundle in in_each_mode(self):
-                up = bundle.until_main(b"stay", b"1000") + b"Up until a signal ends it.\n"
+                up = bundle.until_main(b"stay", b"1000") + b"Running until a signal ends it.\n"
                 with bundle.start("stay", "1000") as process:
                     self.assertEqual(process.stdout.read(len(up)), up)
                     process.signal_command(number)
-                    self.assert_run(process.finish(), 128 + number, b"Ended in good order.\n")
+                    self.assert_run(process.finish(), 128 + number, b"Stopped cleanly.\n")
 
     def test_SIGQUIT_writes_a_thread_dump_and_the_service_goes_on(self):
         for bundle in in_each_mode(self):
-            up = bundle.until_main(b"stay", b"1000") + b"Up until a signal ends it.\n"
+            up = bundle.until_main(b"stay", b"1000") + b"Running until a signal ends it.\n"
             with bundle.start("stay", "1000") as process:
                 self.assertEqual(process.stdout.read(len(up)), up)
                 process.signal_command(signal.SIGQUIT)
@@ -98,21 +98,21 @@ class ServiceTest(unittest.TestCase):
 
     def test_the_heartbeat_goes_on_until_a_signal(self):
         bundle = Bundle(self)
-        beats = (bundle.until_main(b"stay", b"1") + b"Up until a signal ends it.\n"
+        beats = (bundle.until_main(b"stay", b"1") + b"Running until a signal ends it.\n"
                  b"Heartbeat 1\nHeartbeat 2\n")
         with bundle.start("stay", "1") as process:
             self.assertEqual(process.stdout.read(len(beats)), beats)
             process.signal_command(signal.SIGTERM)
             result = process.finish()
         more = re.sub(rb"Heartbeat \d+\n", b"", result.stdout)
-        self.assert_run(result._replace(stdout=more), 143, b"Ended in good order.\n")
+        self.assert_run(result._replace(stdout=more), 143, b"Stopped cleanly.\n")
 
     def test_a_thread_left_behind_keeps_the_process_up_after_completion(self):
         for bundle in in_each_mode(self):
             self.assert_run(
                 bundle.run("linger", "1"), 0,
-                bundle.until_main(b"linger", b"1") + b"Leaving a thread behind.\n" +
-                expected.COMPLETE + b"The thread left behind has ended.\n")
+                bundle.until_main(b"linger", b"1") + b"Returning with a thread still running.\n" +
+                expected.COMPLETE + b"The remaining thread has ended.\n")
 
     def test_the_runtime_s_own_check_of_JNI_calls_finds_nothing(self):
         arguments = [b"version", b"", "Grüße".encode()]
@@ -128,14 +128,14 @@ class ServiceTest(unittest.TestCase):
 
 
 def expected_report(bundle):
-    """The report of a complete installation that has not upgraded yet, less the heap."""
+    """The report of a complete installation that has not upgraded yet, without the heap."""
     home, contents = bundle.home, bundle.contents
     options = [option.decode() for option in expected.options(home.encode())]
     values = dict(option[2:].split("=", 1) for option in options if option.startswith("-D"))
     states = {
-        "orv.log.config": "file", "orv.service.bin.path": "folder",
-        "java.library.path": "folder", "jna.library.path": "folder",
-        "orv.config.defaultPath": "folder", "orv.service.upgrade.path": "missing",
+        "orv.log.config": "file", "orv.service.bin.path": "directory",
+        "java.library.path": "directory", "jna.library.path": "directory",
+        "orv.config.defaultPath": "directory", "orv.service.upgrade.path": "missing",
     }
     return {
         "version": VERSION,
@@ -151,7 +151,7 @@ def expected_report(bundle):
         "paths": [
             {"state": "file", "name": "java.class.path",
              "path": "../Resources/lib/com.vaultory.desktop.jar"},
-            {"state": "folder", "name": "java.class.path", "path": "../Resources/lang"},
+            {"state": "directory", "name": "java.class.path", "path": "../Resources/lang"},
             *({"state": state, "name": name, "path": values[name]}
               for name, state in states.items()),
         ],
@@ -168,7 +168,7 @@ def java_version():
 
 
 def readable(report, *arguments):
-    """The report of such arguments as the sample prints it, the heap's numbers left out."""
+    """The report of such arguments as the sample prints it, without the numbers of the heap."""
     def quoted(section):
         return [f'  "{line}"' for line in section]
 
@@ -176,16 +176,16 @@ def readable(report, *arguments):
         return [f"  {name} = {value}" for name, value in section.items()]
 
     lines = [
-        "What the launcher handed to the sample service",
+        "What the launcher passed to the sample service",
         f"Version: {report['version']}",
         "Arguments:", *quoted(arguments),
         "Options of the VM:", *quoted(report["options"]),
         "Properties:", *named(report["properties"]),
         "Heap in bytes:", "  maximum = N", "  committed = N",
         "Java:", *named(report["java"]),
-        "Paths:", *(f"  {path['state']:8}{path['name']} = {path['path']}"
+        "Paths:", *(f"  {path['state']:10}{path['name']} = {path['path']}"
                     for path in report["paths"]),
-        f"Texts of the lang folder: {report['messages']}",
+        f"Texts of the lang directory: {report['messages']}",
         "Logging levels:", *named(report["logging"]),
         "Missing on this disk:", *quoted(report["missing"]),
     ]

@@ -17,7 +17,7 @@ import org.xml.sax.helpers.DefaultHandler;
 final class LogConfig {
     private LogConfig() {}
 
-    /** The level of each logger the file names, or a "problem" with the file. */
+    /** Returns the level of each logger in the file, or a "problem" with the file. */
     static Map<String, Object> read(String path) {
         Map<String, Object> levels = new LinkedHashMap<String, Object>();
         if (path == null || !new File(path).isFile()) {

@@ -6,8 +6,8 @@ import java.io.PrintStream;
 import java.io.UnsupportedEncodingException;
 
 /**
- * The sample service, in the place of a vendor's own. Its first argument says what it does; with
- * none, or one it does not know, it reports what the launcher handed it.
+ * The sample service, to be replaced by a vendor's own. Its first argument says what to do; with
+ * none, or an unknown one, it reports what the launcher passed to it.
  */
 public final class QRService {
     private static final long DEFAULT_SECONDS = 10;
@@ -37,7 +37,7 @@ public final class QRService {
         }
     }
 
-    /** Beats until a signal ends the VM, then says so from a shutdown hook. */
+    /** Prints a heartbeat until a signal ends the VM, then a last line from a shutdown hook. */
     private static void stay(long seconds, final PrintStream out, final Messages messages)
             throws InterruptedException {
         Runtime.getRuntime().addShutdownHook(new Thread("goodbye") {
@@ -53,7 +53,7 @@ public final class QRService {
         }
     }
 
-    /** Returns at once, leaving a thread behind that keeps the VM up for the given time. */
+    /** Returns at once, with a thread still running that keeps the VM up for the given time. */
     private static void linger(final long seconds, final PrintStream out,
             final Messages messages) {
         out.println(messages.get("linger.begin"));
@@ -74,7 +74,7 @@ public final class QRService {
         return args.length > 1 ? Long.parseLong(args[1]) : DEFAULT_SECONDS;
     }
 
-    /** The VM's own stream would follow the environment's encoding. */
+    /** Returns a UTF-8 stream; the VM's own would follow the environment's encoding. */
     private static PrintStream utf8(FileDescriptor descriptor) {
         try {
             return new PrintStream(new FileOutputStream(descriptor), true, "UTF-8");

@@ -10,16 +10,16 @@ import java.util.List;
 import java.util.Map;
 
 /**
- * What the launcher handed the service, as maps, lists, strings and numbers in a fixed order:
+ * What the launcher passed to the service, as maps, lists, strings and numbers in a fixed order:
  * Text and Json print it.
  */
 final class Report {
-    /** The properties the launcher sets whose values are paths. */
+    /** The properties set by the launcher whose values are paths. */
     private static final List<String> PATH_PROPERTIES = Arrays.asList(
             "orv.log.config", "orv.service.bin.path", "java.library.path", "jna.library.path",
             "orv.config.defaultPath", "orv.service.upgrade.path");
 
-    /** The others it sets, or admits from its file of overrides. */
+    /** The others that it sets or allows in its override file. */
     private static final List<String> OTHER_PROPERTIES = Arrays.asList(
             "sun.jnu.encoding", "file.encoding", "sun.net.inetaddr.ttl",
             "networkaddress.cache.ttl", "sun.net.inetaddr.negative.ttl",
@@ -51,7 +51,7 @@ final class Report {
         return version != null ? version : "unknown";
     }
 
-    /** The options as the VM saw them, or none in a runtime without java.management. */
+    /** The VM options, or none in a runtime without java.management. */
     private static List<String> options() {
         try {
             return ManagementFactory.getRuntimeMXBean().getInputArguments();
@@ -85,7 +85,7 @@ final class Report {
         return java;
     }
 
-    /** Where each path came from, whether it exists, and the path; missing gets the former. */
+    /** Each path with its property and state; the properties of missing paths are added to missing. */
     private static List<Object> paths(List<String> missing) {
         List<Object> paths = new ArrayList<Object>();
         for (String entry : System.getProperty("java.class.path").split(File.pathSeparator)) {
@@ -101,7 +101,7 @@ final class Report {
 
     private static Map<String, Object> path(String name, String value, List<String> missing) {
         File file = new File(value);
-        String state = file.isDirectory() ? "folder" : file.exists() ? "file" : "missing";
+        String state = file.isDirectory() ? "directory" : file.exists() ? "file" : "missing";
         if (state.equals("missing")) {
             missing.add(name);
         }

@@ -3,7 +3,7 @@ package com.vaultory.service;
 import java.util.List;
 import java.util.Map;
 
-/** A report for people to read: a heading for each section, an indented line for each entry. */
+/** A readable report: a heading per section, an indented line per entry. */
 final class Text {
     private Text() {}
 
@@ -38,6 +38,6 @@ final class Text {
             return '"' + element.toString() + '"';
         }
         Map<?, ?> path = (Map<?, ?>) element;
-        return String.format("%-8s%s = %s", path.get("state"), path.get("name"), path.get("path"));
+        return String.format("%-10s%s = %s", path.get("state"), path.get("name"), path.get("path"));
     }
 }
