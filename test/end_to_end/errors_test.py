@@ -12,36 +12,36 @@ from support.private_root import BUILD_DIR
 class ErrorsTest(unittest.TestCase):
     maxDiff = None
 
-    def assert_refused(self, archive, message):
-        """archive is what lies in the place of the service's, if anything does."""
+    def assert_rejected(self, jar, message):
+        """jar replaces the service's; None for no jar."""
         for bundle in in_each_mode(self, copied=True):
-            bundle.replace(CLASS_DATA, None)  # later VMs warn that it is of another archive
-            bundle.replace(JAR, archive)
+            bundle.replace(CLASS_DATA, None)  # later VMs warn that it belongs to another jar
+            bundle.replace(JAR, jar)
             self.assertEqual(
                 bundle.run("hello"),
                 (1, expected.before_vm(bundle.home.encode(), None, [b"hello"]),
                  expected.vm_error(message)))
 
-    def assert_class_not_found(self, archive):
-        self.assert_refused(
-            archive, b"Class Error. Couldn't find parent class 'com/vaultory/service/QRService'")
+    def assert_class_not_found(self, jar):
+        self.assert_rejected(
+            jar, b"Class Error. Couldn't find parent class 'com/vaultory/service/QRService'")
 
-    def test_a_missing_archive_is_reported(self):
+    def test_a_missing_jar_is_reported(self):
         self.assert_class_not_found(None)
 
-    def test_an_archive_that_is_none_is_reported(self):
-        self.assert_class_not_found(b"not an archive")
+    def test_a_jar_that_is_not_a_jar_is_reported(self):
+        self.assert_class_not_found(b"not an jar")
 
-    def test_an_archive_without_the_service_is_reported(self):
+    def test_a_jar_without_the_service_is_reported(self):
         empty = io.BytesIO()
-        with zipfile.ZipFile(empty, "w") as archive:
-            archive.writestr("META-INF/MANIFEST.MF", "Manifest-Version: 1.0\n")
+        with zipfile.ZipFile(empty, "w") as jar:
+            jar.writestr("META-INF/MANIFEST.MF", "Manifest-Version: 1.0\n")
         self.assert_class_not_found(empty.getvalue())
 
-    def test_an_archive_whose_main_is_not_static_is_reported(self):
-        archive = BUILD_DIR / "test/end_to_end/instance_main.jar"
-        self.assert_refused(
-            archive.read_bytes(), b"Couldn't find method 'main' with proper signature of "
+    def test_a_jar_whose_main_is_not_static_is_reported(self):
+        jar = BUILD_DIR / "test/end_to_end/instance_main.jar"
+        self.assert_rejected(
+            jar.read_bytes(), b"Couldn't find method 'main' with proper signature of "
                                   b"'([Ljava/lang/String;)V'")
 
     def test_a_heap_size_that_the_VM_cannot_read_is_reported(self):
@@ -54,7 +54,7 @@ class ErrorsTest(unittest.TestCase):
                      b"Invalid maximum heap size: " + option + b"\n" +
                      expected.vm_error(b"Error creating JVM: -6")))
 
-    def test_a_heap_size_that_the_VM_cannot_grant_ends_the_process_in_the_VMs_words(self):
+    def test_a_heap_size_that_the_VM_cannot_allocate_ends_the_process_with_the_VMs_message(self):
         for option, reason in (
                 (b"-Xmx1k", b"Too small maximum heap"),
                 (b"-Xmx9000000g",

@@ -42,7 +42,7 @@ class ServiceTest(unittest.TestCase):
             self.assertEqual((result.status, result.stderr), (0, b""))
             self.assertEqual(bundle.report(result.stdout, *encoded)["arguments"], arguments)
 
-    def test_a_maximum_heap_from_the_override_file_is_in_force(self):
+    def test_a_maximum_heap_from_the_override_file_takes_effect(self):
         for bundle in in_each_mode(self):
             bundle.override(b"-Xmx64m", b"-Dorv.security.mode=strict")
             result = bundle.run("json", tool_options="-XX:+UseG1GC")
@@ -83,7 +83,7 @@ class ServiceTest(unittest.TestCase):
                     process.signal_command(number)
                     self.assert_run(process.finish(), 128 + number, b"Stopped cleanly.\n")
 
-    def test_SIGQUIT_writes_a_thread_dump_and_the_service_goes_on(self):
+    def test_SIGQUIT_writes_a_thread_dump_and_the_service_continues(self):
         for bundle in in_each_mode(self):
             up = bundle.until_main(b"stay", b"1000") + b"Running until a signal ends it.\n"
             with bundle.start("stay", "1000") as process:
@@ -96,7 +96,7 @@ class ServiceTest(unittest.TestCase):
                 process.signal_command(signal.SIGTERM)
                 self.assertEqual(process.finish().status, 143)
 
-    def test_the_heartbeat_goes_on_until_a_signal(self):
+    def test_the_heartbeat_continues_until_a_signal(self):
         bundle = Bundle(self)
         beats = (bundle.until_main(b"stay", b"1") + b"Running until a signal ends it.\n"
                  b"Heartbeat 1\nHeartbeat 2\n")
@@ -107,21 +107,21 @@ class ServiceTest(unittest.TestCase):
         more = re.sub(rb"Heartbeat \d+\n", b"", result.stdout)
         self.assert_run(result._replace(stdout=more), 143, b"Stopped cleanly.\n")
 
-    def test_a_thread_left_behind_keeps_the_process_up_after_completion(self):
+    def test_a_remaining_thread_keeps_the_process_running_after_completion(self):
         for bundle in in_each_mode(self):
             self.assert_run(
                 bundle.run("linger", "1"), 0,
                 bundle.until_main(b"linger", b"1") + b"Returning with a thread still running.\n" +
                 expected.COMPLETE + b"The remaining thread has ended.\n")
 
-    def test_the_runtime_s_own_check_of_JNI_calls_finds_nothing(self):
+    def test_the_VMs_own_check_of_JNI_calls_finds_nothing(self):
         arguments = [b"version", b"", "Grüße".encode()]
         for bundle in in_each_mode(self):
             self.assert_run(bundle.run(*arguments, tool_options="-Xcheck:jni"), 0,
                             bundle.stdout(*arguments, service=f"{VERSION}\n".encode()),
                             PICKED_UP + b"-Xcheck:jni\n")
 
-    def test_the_program_in_the_bin_folder_prints_the_version(self):
+    def test_the_program_in_the_bin_directory_prints_the_version(self):
         bundle = Bundle(self)
         result = bundle.root.run([bundle.contents + "/Resources/bin/service-version"])
         self.assert_run(result, 0, f"{VERSION}\n".encode())
