@@ -30,7 +30,7 @@ class ErrorsTest(unittest.TestCase):
         self.assert_class_not_found(None)
 
     def test_a_jar_that_is_not_a_jar_is_reported(self):
-        self.assert_class_not_found(b"not an jar")
+        self.assert_class_not_found(b"not a jar")
 
     def test_a_jar_without_the_service_is_reported(self):
         empty = io.BytesIO()
@@ -42,7 +42,7 @@ class ErrorsTest(unittest.TestCase):
         jar = BUILD_DIR / "test/end_to_end/instance_main.jar"
         self.assert_rejected(
             jar.read_bytes(), b"Couldn't find method 'main' with proper signature of "
-                                  b"'([Ljava/lang/String;)V'")
+                             b"'([Ljava/lang/String;)V'")
 
     def test_a_heap_size_that_the_VM_cannot_read_is_reported(self):
         for option in b"-Xmx12q", b"-Xmx2g\r", b"-Xmx2g ", b"-Xmx2g -Xms1g":
