@@ -49,13 +49,13 @@ TEST(InstallLocations, Dots_double_slashes_and_foreign_bytes_of_the_executables_
 TEST(InstallLocations, An_executables_path_of_1023_bytes_fits) {
     const std::string directory = "/" + std::string(1023 - 2 - 7, 'd');
     EXPECT_EQ(exeDirOf(directory + "/service"), directory);
-    EXPECT_EQ(executable::path.size(), 1023U);
+    EXPECT_EQ(executable::path().size(), 1023U);
 }
 
 TEST(InstallLocations, An_executables_path_of_1024_bytes_gives_an_empty_directory) {
     const std::string directory = "/" + std::string(1024 - 2 - 7, 'd');
     EXPECT_EQ(exeDirOf(directory + "/service"), "");
-    EXPECT_EQ(executable::path.size(), 1024U);
+    EXPECT_EQ(executable::path().size(), 1024U);
 }
 
 TEST(InstallLocations, Nothing_of_an_earlier_path_is_left_where_one_does_not_fit) {
