@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <functional>
 #include <iostream>
 #include <locale>
@@ -15,6 +16,29 @@
 #include <vector>
 
 #include "runtime.h"
+
+namespace {
+
+const void* watched = nullptr;  // memory whose release is noticed
+bool released = false;
+
+}  // namespace
+
+[[gnu::noinline]] void* operator new(std::size_t size) {
+    if (void* const memory = std::malloc(size)) {
+        return memory;
+    }
+    throw std::bad_alloc();
+}
+
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
+    released = released || (memory != nullptr && memory == watched);
+    std::free(memory);
+}
+
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
+    ::operator delete(memory);
+}
 
 namespace {
 
@@ -116,7 +140,7 @@ TEST_F(Lifecycle, Thousands_of_options_short_and_long_are_handed_over) {
               (Strings{CREATE + "3001, [\"-cp\"" + list + "]) = env#1", DESTROYED}));
 }
 
-TEST_F(Lifecycle, The_vm_is_given_copies_and_the_callers_strings_are_left_as_they_were) {
+TEST_F(Lifecycle, The_vm_is_given_copies_which_are_freed_once_it_is_there) {
     const std::string longText(100, 'x');
     const Strings options{"-a", longText};
     const std::string classPath = "-cp";
@@ -126,8 +150,11 @@ TEST_F(Lifecycle, The_vm_is_given_copies_and_the_callers_strings_are_left_as_the
         for (const std::string& option : options) {
             EXPECT_NE(init.options[++compared].optionString, option.data());
         }
+        watched = init.options[2].optionString;
+        released = false;
     }});
     const JVM jvm(options, classPath);
+    EXPECT_TRUE(released);
     EXPECT_EQ(compared, 2);
     EXPECT_EQ(options, (Strings{"-a", longText}));
     EXPECT_EQ(classPath, "-cp");
