@@ -41,53 +41,40 @@ class LocationsTest(unittest.TestCase):
         rest = size - len(path) - len("/OrvaneService")
         return self.copy_to(path + "d" * rest + "/OrvaneService")
 
-    def test_the_paths_of_a_system_wide_run_do_not_depend_on_the_programs_place(self):
+    def test_the_paths_of_a_system_wide_run_do_not_depend_on_the_programs_location(self):
         for program in (self.copy_to("/OrvaneService"), self.path_of(1025),
                         self.copy_to("/Users/alice/OrvaneService")):
             with self.subTest(program):
                 self.assertEqual(self.launcher.run(program=program), finished())
 
-    def test_the_home_folder_is_named_by_the_programs_place(self):
-        self.assert_home(self.copy_to("/Users/alice/Downloads/OrvaneService"), b"/Users/alice")
+    def test_the_programs_path_names_the_home(self):
+        for sentence, program, home in (
+                ("in a directory of the home", b"/Users/alice/Downloads/OrvaneService", b"/Users/alice"),
+                ("in the home itself", b"/Users/alice/OrvaneService", b"/Users/alice"),
+                ("with a space and bytes that are not UTF-8", b"/Users/al ice\xff\\/bin/OrvaneService",
+                 b"/Users/al ice\xff\\"),
+                ("what precedes Users is dropped", b"/Volumes/Data/Users/user2/App.app/OrvaneService",
+                 b"/Users/user2"),
+                ("the first Users counts", b"/Users/first/Users/second/OrvaneService",
+                 b"/Users/first"),
+                ("among the homes it has no name", b"/Users/OrvaneService", b"/Users/"),
+                ("outside any home it is cut from the path", b"/Applications/OrvaneService",
+                 b"/Users/cations"),
+                ("in a directory of six bytes it has no name", b"/sixth/service", b"/Users/")):
+            with self.subTest(sentence):
+                self.assert_home(self.copy_to(os.fsdecode(program)), home)
 
-    def test_a_program_right_in_a_home_folder_belongs_to_it(self):
-        self.assert_home(self.copy_to("/Users/alice/OrvaneService"), b"/Users/alice")
-
-    def test_a_home_folders_name_may_hold_blanks_and_bytes_that_are_not_utf_8(self):
-        home = b"/Users/al ice\xff\\"
-        self.assert_home(self.copy_to(os.fsdecode(home) + "/bin/OrvaneService"), home)
-
-    def test_what_precedes_the_first_users_folder_is_dropped(self):
-        self.assert_home(self.copy_to("/Volumes/Data/Users/user2/App.app/OrvaneService"),
-                         b"/Users/user2")
-
-    def test_the_first_users_folder_of_the_path_counts(self):
-        self.assert_home(self.copy_to("/Users/first/Users/second/OrvaneService"), b"/Users/first")
-
-    def test_a_program_right_among_the_home_folders_has_a_home_without_a_name(self):
-        self.assert_home(self.copy_to("/Users/OrvaneService"), b"/Users/")
-
-    def test_outside_any_home_folder_the_name_is_what_the_path_yields(self):
-        self.assert_home(self.launcher.program, b"/Users/cations")
-
-    def test_a_program_in_the_root_folder_ends_abnormally_per_user(self):
-        self.assert_out_of_range(self.copy_to("/service"), directory_size=0)
-
-    def test_a_program_in_a_folder_of_five_bytes_ends_abnormally_per_user(self):
-        self.assert_out_of_range(self.copy_to("/five/service"), directory_size=5)
-
-    def test_a_program_in_a_folder_of_six_bytes_has_a_home_without_a_name(self):
-        self.assert_home(self.copy_to("/sixth/service"), b"/Users/")
-
-    def test_a_backslash_ends_the_programs_folder(self):
-        self.assert_out_of_range(self.copy_to("/a\\service"), directory_size=2)
+    def test_a_program_in_a_directory_of_fewer_than_six_bytes_aborts_per_user(self):
+        for program, size in ("/service", 0), ("/five/service", 5), ("/a\\service", 2):
+            with self.subTest(program):
+                self.assert_out_of_range(self.copy_to(program), size)
 
     def test_program_paths_of_1022_and_1023_bytes_are_known(self):
         for size in 1022, 1023:
             with self.subTest(size):
                 self.assert_home(self.path_of(size), b"/Users/alice")
 
-    def test_program_paths_of_1024_and_1025_bytes_end_abnormally_per_user(self):
+    def test_program_paths_of_1024_and_1025_bytes_abort_per_user(self):
         for size in 1024, 1025:
             with self.subTest(size):
                 self.assert_out_of_range(self.path_of(size), directory_size=0)
@@ -102,13 +89,13 @@ class LocationsTest(unittest.TestCase):
             with self.subTest(program):
                 self.assert_home(program, b"/Users/alice", cwd)
 
-    def test_a_start_from_the_folder_above_finds_the_home_but_another_runtime(self):
+    def test_a_start_from_the_directory_above_finds_the_home_but_another_runtime(self):
         self.launcher.root.put("/Users/alice/MacOS/OrvaneService",
                                self.launcher.root.path(self.launcher.program))
         self.launcher.put_runtime("/Users")
         self.assert_home("MacOS/OrvaneService", b"/Users/alice", "/Users/alice")
 
-    def test_a_relative_start_from_among_the_home_folders_names_the_home_whole(self):
+    def test_a_relative_start_from_among_the_home_directories_names_the_home_whole(self):
         self.launcher.put_runtime("")
         for name in "alice", ".alice", "..alice":
             with self.subTest(name):
@@ -127,13 +114,13 @@ class LocationsTest(unittest.TestCase):
         self.assert_out_of_range(".//" + name, 0, folder)
         self.assert_out_of_range(f"../{last}/{name}", 0, folder)
 
-    def test_a_start_through_a_symbolic_link_belongs_to_the_links_place(self):
+    def test_a_start_through_a_symbolic_link_belongs_to_the_links_location(self):
         link = self.launcher.root.path("/Users/bob/start")
         link.parent.mkdir(parents=True)
         link.symlink_to(self.launcher.program)
         self.assert_home("/Users/bob/start", b"/Users/bob")
 
-    def test_a_symbolic_link_among_the_folders_is_not_resolved(self):
+    def test_a_symbolic_link_among_the_directories_is_not_resolved(self):
         self.copy_to("/Users/alice/bin/OrvaneService")
         self.launcher.root.path("/Users/bob").symlink_to("alice")
         self.assert_home("/Users/bob/bin/OrvaneService", b"/Users/bob")
@@ -143,16 +130,16 @@ class LocationsTest(unittest.TestCase):
         self.launcher.root.path("/Users/bob").mkdir()
         self.assert_home("/Users/bob/../alice/./OrvaneService", b"/Users/bob")
 
-    def test_from_the_root_folder_the_runtime_is_looked_for_there(self):
+    def test_from_the_root_directory_the_runtime_is_looked_for_there(self):
         self.launcher.put_runtime("")
         self.assertEqual(self.launcher.run(cwd="/"), finished())
 
-    def test_from_a_folder_without_a_runtime_the_program_does_not_start(self):
+    def test_from_a_directory_without_a_runtime_the_program_does_not_start(self):
         program = os.fsencode(self.launcher.program)
         self.assertEqual(self.launcher.run(cwd="/Users"),
                          Run(127, b"", program + NO_RUNTIME, [], normal_end=False))
 
-    def test_the_runtime_is_found_in_the_server_folder_and_then_in_the_jli_folder(self):
+    def test_the_runtime_is_found_in_the_server_directory_and_then_in_the_jli_directory(self):
         jre = f"/Applications/{CONTENTS}/Resources/jre/lib"
         self.launcher.root.put(jre + "/jli/libjvm.so", b"not a library")
         self.assertEqual(self.launcher.run(), finished())
@@ -160,9 +147,7 @@ class LocationsTest(unittest.TestCase):
         self.launcher.root.path(jre + "/server/libjvm.so").unlink()
         self.assertEqual(self.launcher.run(), finished())
 
-    def test_the_environment_does_not_count(self):
-        with_variables = {"HOME": "/Users/bob", "USER": "bob", "JAVA_HOME": "/Users",
-                          "JAVA_TOOL_OPTIONS": "-Xmx1g", "LANG": "tr_TR.UTF-8"}
-        result = self.launcher.root.run([self.launcher.program], cwd=self.launcher.folder,
-                                        env=with_variables)
-        self.assertEqual(result, finished()[:3])
+    def test_variables_that_others_read_change_nothing(self):
+        self.assertEqual(self.launcher.run(env={
+            "HOME": "/Users/bob", "USER": "bob", "JAVA_HOME": "/Users", "LANG": "tr_TR.UTF-8",
+            "JAVA_TOOL_OPTIONS": "-Xmx1g"}), finished())

@@ -27,40 +27,19 @@ class ConsoleTest(unittest.TestCase):
     def run_with(self, redirections, *arguments, by=(), **behaviour):
         return self.launcher.run(*arguments, by=[*REDIRECTED, redirections, *by], **behaviour)
 
-    def test_without_standard_output_the_service_runs_all_the_same(self):
-        for redirections in unusable(1):
-            with self.subTest(redirections):
-                self.assertEqual(self.run_with(redirections, b"a"),
-                                 finished(arguments=[b"a"])._replace(stdout=b""))
-
-    def test_without_standard_error_the_service_runs_all_the_same(self):
-        for redirections in unusable(2):
-            with self.subTest(redirections):
-                self.assertEqual(self.run_with(redirections, b"a"), finished(arguments=[b"a"]))
-
-    def test_without_either_the_service_runs_all_the_same(self):
-        for redirections in unusable(1, 2):
-            with self.subTest(redirections):
-                self.assertEqual(self.run_with(redirections, b"a"),
-                                 finished(arguments=[b"a"])._replace(stdout=b""))
-
-    def test_without_standard_output_a_refusal_is_reported_with_its_status(self):
-        for redirections in unusable(1):
-            with self.subTest(redirections):
-                self.assertEqual(self.run_with(redirections, b"-x"),
-                                 Run(1, b"", expected.refused_argument(b"-x"), []))
-
-    def test_without_standard_error_a_refusal_has_its_status(self):
-        for redirections in unusable(2):
-            with self.subTest(redirections):
-                self.assertEqual(self.run_with(redirections, b"-x"),
-                                 Run(1, expected.launching(), b"", []))
-
-    def test_without_either_a_VM_that_cannot_be_created_has_its_status(self):
-        for redirections in unusable(1, 2):
-            with self.subTest(redirections):
-                self.assertEqual(self.run_with(redirections, create_status=-1),
-                                 Run(1, b"", b"", [expected.creation() + " = -1"]))
+    def test_without_standard_output_or_error_or_both_a_run_has_its_status_and_its_calls(self):
+        rejected = Run(1, expected.launching(), expected.rejected_argument(b"-x"), [])
+        not_created = Run(1, expected.before_vm(), expected.vm_error(b"Error creating JVM: -1"),
+                          [expected.creation() + " = -1"])
+        for arguments, behaviour, run in (([b"a"], {}, finished(arguments=[b"a"])),
+                                          ([b"-x"], {}, rejected),
+                                          ([], {"create_status": -1}, not_created)):
+            for streams in (1,), (2,), (1, 2):
+                lost = {{1: "stdout", 2: "stderr"}[stream]: b"" for stream in streams}
+                for redirections in unusable(*streams):
+                    with self.subTest(arguments, redirections=redirections, **behaviour):
+                        self.assertEqual(self.run_with(redirections, *arguments, **behaviour),
+                                         run._replace(**lost))
 
     def test_a_closed_standard_output_does_not_turn_up_in_the_override_file(self):
         file = self.launcher.put_override_file(b"-Xmx2g\n")

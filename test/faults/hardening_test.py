@@ -11,6 +11,12 @@ from support.private_root import BUILD_DIR
 
 SRC = ROOT / "src"
 
+# What the product itself imports, besides C++ and the compiler's own: it can read neither the
+# environment nor standard input, nor start a thread.
+C_FUNCTIONS = {"JNI_CreateJavaVM", "exit", "getauxval", "getcwd", "bcmp", "memchr", "memcmp",
+               "memcpy", "memmove", "memset", "strlen"}
+COMPILER = r"_GLOBAL_OFFSET_TABLE_|__dso_handle|(_Unwind|__cxa|__gxx|__stack_chk)_\w+|__\w+_chk"
+
 
 def readelf(*arguments):
     return subprocess.run(["readelf", "--wide", *arguments], check=True, stdin=subprocess.DEVNULL,
@@ -56,6 +62,19 @@ class HardeningTest(unittest.TestCase):
         defined = re.findall(r"(?:FUNC|OBJECT) +(?:GLOBAL|WEAK) +DEFAULT +\d+ ([^@\s]+)$", symbols,
                              re.MULTILINE)
         self.assertEqual(defined, [])
+
+    def test_the_product_imports_these_C_functions_and_two_streams_alone(self):
+        objects = [*(BUILD_DIR / "src").glob("*.a"), *(BUILD_DIR / "src").rglob("main.cpp.o")]
+        self.assertEqual(len(objects), 4)
+        symbols = subprocess.run(["nm", "--undefined-only", "--format=posix", *objects], check=True,
+                                 capture_output=True, text=True).stdout
+        names = set(re.findall(r"^(\w+) U", symbols, re.MULTILINE))
+        self.assertLessEqual({name for name in names if not re.match(COMPILER + "|_Z", name)},
+                             C_FUNCTIONS)
+        self.assertEqual(set(re.findall(r"^_ZN?St(?:3__1)?\d(w?c(?:in|out|err|log))E? U", symbols,
+                                        re.MULTILINE)), {"cout", "cerr"})
+        self.assertIn("\nint main(int argc, char* argv[]) {\n",
+                      (SRC / "launcher/main.cpp").read_text())
 
     def test_the_products_functions_with_buffers_check_their_stack(self):
         for library in "jvmargs", "executable_path":

@@ -1,4 +1,5 @@
-"""Each system call on the override file fails in turn, by strace's injection."""
+"""A run's system calls as strace lists them, whole, and with each one on the override file failing
+in turn."""
 
 import re
 import unittest
@@ -8,6 +9,26 @@ from support.launcher import Launcher, finished
 LINES = [b"-Xmx%dm" % size + b" " * 3000 for size in range(1, 9)]
 PATH = "/Library/Application Support/Quillrest/conf/jvm_args"
 TRACE = "/tmp/trace"
+
+# Calls that touch neither a file's content nor another process, and those of the dynamic loader.
+HARMLESS = (r"brk|mmap|munmap|mprotect|futex|getrandom|arch_prctl|set_tid_address|set_robust_list|"
+            r"rseq|prlimit64|gettid|getpid|(newfstatat|fstat)\(\d")
+LOADER = (r'execve\(|getcwd\(|f?access(at)?\(.*ld\.so|openat\(.*\.so[.\d]*(cache)?", O_RDONLY\|O_CLO|'
+          r"(read|pread64|close)\(\d+<[^>]*\.so[.\d]*(cache)?>")
+
+
+def summary(trace):
+    """The calls of a trace in order, as "name file", equal neighbours as one; what the dynamic
+    loader does is left out up to the first write."""
+    found = []
+    for line in re.sub(r"^\d+ +", "", trace, flags=re.MULTILINE).splitlines():
+        if re.match(HARMLESS, line) or not found and re.match(LOADER, line):
+            continue
+        call = re.match(r'(\w*)\(?(?:AT_FDCWD<.*>, ".*/(.*)", ([A-Z_|]+)|(\d*)(?:<.*/(.*)>)?)', line)
+        words = " ".join(filter(None, call.groups()))
+        if words and found[-1:] != [words]:
+            found.append(words)
+    return found
 
 
 class SystemCallsTest(unittest.TestCase):
@@ -36,6 +57,19 @@ class SystemCallsTest(unittest.TestCase):
         self.assertEqual(names, ["openat", *["read"] * (len(names) - 2), "close"])
         self.assertGreater(len(names), 4)
         return len(names) - 2
+
+    def test_a_run_reads_the_override_file_writes_its_two_streams_and_does_nothing_else(self):
+        absent = ["write 1", "openat jvm_args O_RDONLY", "write 1"]
+        read = [*absent, "read 3 jvm_args", "close 3 jvm_args", "write 1"]
+        for arguments, behaviour, calls in (
+                ([b"a"], {}, [*read, "exit_group 0"]),
+                ([b"-Duser.install=1"], {}, [*absent, "exit_group 0"]),
+                ([b"-x"], {}, ["write 1", "write 2", "exit_group 1"]),
+                ([], {"create_status": -1}, [*read, "write 2", "exit_group 1"])):
+            with self.subTest(arguments, behaviour=behaviour):
+                self.launcher.run(*arguments, record="", **behaviour,
+                                  by=["strace", "-f", "-y", "-o", TRACE, "--"])
+                self.assertEqual(summary(self.launcher.root.path(TRACE).read_text()), calls)
 
     def test_whatever_keeps_the_file_from_being_opened_it_counts_as_absent(self):
         for error in ("ENOENT", "ENOTDIR", "EACCES", "EPERM", "ELOOP", "EMFILE", "ENFILE",

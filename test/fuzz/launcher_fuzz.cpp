@@ -8,23 +8,27 @@
 ///     texts      the executable's path, then the arguments, each up to a zero byte
 ///     the rest   the override file
 
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdint>
+#include <cstdio>
 #include <iostream>
+#include <sstream>
 #include <stdexcept>
-#include <streambuf>
 
 #include "../unit/executable_path.h"
 #include "exit_as_error.h"
 #include "oracle.h"
-#include "override_file.h"
 #include "runtime.h"
 
 int launcherMain(int argc, char* argv[]);
 
 namespace {
 
-/// Keeps what is written, in a piece for each flush that there was something to flush.
-class Console : public std::streambuf {
+/// Keeps what is written to a stream, one piece per flush that had something to flush.
+class Console : public std::stringbuf {
 public:
     explicit Console(std::ostream& replaced) : stream(replaced), previous(replaced.rdbuf(this)) {}
     ~Console() override { stream.rdbuf(previous); }
@@ -37,29 +41,11 @@ public:
         return flushed;
     }
 
-    std::string all() {
-        std::string result;
-        for (const std::string& piece : pieces()) {
-            result += piece;
-        }
-        return result;
-    }
-
 protected:
-    int_type overflow(int_type byte) override {
-        pending += traits_type::to_char_type(byte);
-        return byte;
-    }
-
-    std::streamsize xsputn(const char* bytes, std::streamsize size) override {
-        pending.append(bytes, static_cast<std::size_t>(size));
-        return size;
-    }
-
     int sync() override {
-        if (!pending.empty()) {
-            flushed.push_back(std::move(pending));
-            pending.clear();
+        if (!view().empty()) {
+            flushed.push_back(str());
+            str("");
         }
         return 0;
     }
@@ -67,9 +53,29 @@ protected:
 private:
     std::ostream& stream;
     std::streambuf* previous;
-    std::string pending;
     std::vector<std::string> flushed;
 };
+
+/// The files of a run, kept in memory: whatever it opens has the content of the override file,
+/// or does not exist. Other files are opened as ever while no run is under way.
+struct {
+    bool underWay = false;
+    bool exist = false;
+    std::vector<std::string> opened;  // "MODE PATH"
+    int memory = memfd_create("override file", MFD_CLOEXEC);
+
+    void begin(const std::optional<std::string>& content) {
+        underWay = true;
+        exist = content.has_value();
+        opened.clear();
+        const std::string bytes = content.value_or("");
+        if (ftruncate(memory, 0) != 0 ||
+            pwrite(memory, bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
+            std::perror("The override file could not be kept in memory");
+            std::abort();
+        }
+    }
+} files;
 
 class Input {
 public:
@@ -136,22 +142,25 @@ std::string runMain(std::vector<std::string> arguments) {
 }
 
 Outcome launch(const Given& given) {
-    runtime::Behaviour behaviour;
-    behaviour.createStatus = given.createStatus;
-    behaviour.missingClass = given.hasClass ? "" : "com/vaultory/service/QRService";
-    behaviour.missingMethod = given.hasMethod ? "" : "main";
-    runtime::reset(behaviour);
+    runtime::reset({.createStatus = given.createStatus,
+                    .missingClass = given.hasClass ? "" : "com/vaultory/service/QRService",
+                    .missingMethod = given.hasMethod ? "" : "main"});
     executable::liesAt(given.executablePath);
-    override_file::liesAt(Oracle::overrideFilePath(given).value_or(""), given.overrideFile);
     std::vector<std::string> arguments;
     if (given.commandLine) {
-        arguments.emplace_back("OrvaneService");
-        arguments.insert(arguments.end(), given.commandLine->begin(), given.commandLine->end());
+        arguments = *given.commandLine;
+        arguments.insert(arguments.begin(), "OrvaneService");
     }
     Console output(std::cout);
     Console errors(std::cerr);
+    files.begin(given.overrideFile);
     const std::string end = runMain(arguments);
-    return {output.pieces(), errors.all(), end, override_file::opened(), runtime::calls()};
+    files.underWay = false;
+    std::string allErrors;
+    for (const std::string& piece : errors.pieces()) {
+        allErrors += piece;
+    }
+    return {output.pieces(), allErrors, end, files.opened, runtime::calls()};
 }
 
 void show(const std::string& whose, const Outcome& outcome) {
@@ -167,12 +176,25 @@ void show(const std::string& whose, const Outcome& outcome) {
 
 }  // namespace
 
+/// Replaces the C library's in the whole program; std::ifstream opens with it.
+extern "C" FILE* fopen64(const char* path, const char* mode) {
+    if (!files.underWay) {
+        return std::fopen(path, mode);
+    }
+    files.opened.push_back(std::string(mode) + " " + path);
+    if (!files.exist) {
+        errno = ENOENT;
+        return nullptr;
+    }
+    lseek(files.memory, 0, SEEK_SET);
+    return fdopen(dup(files.memory), mode);
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static const Oracle oracle(DEFAULT_OPTIONS);
     const Given given = decode({data, size});
-    const Outcome expected = oracle.tell(given);
+    const Outcome expected = tell(given);
     const Outcome actual = launch(given);
     if (actual != expected) {
         show("expected", expected);

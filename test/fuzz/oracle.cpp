@@ -13,6 +13,14 @@ struct End {
     std::string how;
 };
 
+/// The lines of a text file that the tests share.
+Texts shared(const char* path) {
+    std::ifstream file(path);
+    Texts all;
+    for (std::string line; std::getline(file, line);) all.push_back(line);
+    return all;
+}
+
 std::string lines(const Texts& texts) {
     std::string all;
     for (const auto& text : texts) all += text + '\n';
@@ -64,12 +72,14 @@ Texts linesOf(std::string_view content) {
     return all;
 }
 
-bool admitted(const std::string& line) {
-    return line.rfind("-Xmx", 0) == 0 || line.rfind("-Djava.net.preferIPv4Stack=", 0) == 0 ||
-           line.rfind("-Dorv.security.mode=", 0) == 0;
+bool allowed(const std::string& line) {
+    static const Texts PREFIXES = shared(SUPPORT "/allowed_prefixes.txt");
+    for (const auto& prefix : PREFIXES)
+        if (line.substr(0, prefix.size()) == prefix) return true;
+    return false;
 }
 
-/// As the record of the runtime has it, which gets no further than a zero byte.
+/// As in the runtime's record, which ends a text at a zero byte.
 std::string quote(const std::string& text) {
     std::string result = "\"";
     for (const char character : std::string(text.c_str())) {
@@ -112,126 +122,102 @@ Texts invocation(const Texts& arguments) {
     return calls;
 }
 
-class Run {
-public:
-    Run(const Given& input, const Texts& defaultOptions, Outcome& outcome)
-        : given(input), defaults(defaultOptions), seen(outcome) {}
+[[noreturn]] void reject(Outcome& seen, const std::string& message) {
+    seen.errors += message;
+    throw End{"status 1"};
+}
 
-    void go() {
-        if (!given.commandLine) throw End{"uncaught length_error"};
-        const bool isUser = perUser(*given.commandLine);
-        seen.output.push_back(isUser ? "Launching as user\n" : "Launching as system\n");
-        const Texts arguments = applicationArguments();
-        const Texts options = vmOptions(isUser);
-        seen.output.push_back("JVM arguments in use: \n" + lines(options) + "Arguments in use: \n" +
-                              lines(arguments) + '\n');
-        createVM(options);
-        findService();
-        seen.output.push_back("Starting service.\n");
-        for (auto& call : invocation(arguments)) seen.calls.push_back(call);
-        seen.output.push_back("Service is complete.\n");
-        throw End{"status 0"};
+[[noreturn]] void fail(Outcome& seen, const std::string& message) {
+    reject(seen, "Error while interacting with the JVM: \n" + message + '\n');
+}
+
+Texts applicationArguments(const Texts& commandLine, Outcome& seen) {
+    Texts kept;
+    for (const auto& argument : commandLine) {
+        if (argument == "-Duser.install=0" || argument == "-Duser.install=1") continue;
+        if (!argument.empty() && argument.front() == '-') {
+            reject(seen, "Illegal argument encountered: '" + argument + "'.\n");
+        }
+        kept.push_back(argument);
     }
+    return kept;
+}
 
-private:
-    Texts applicationArguments() const {
-        Texts kept;
-        for (const auto& argument : *given.commandLine) {
-            if (argument == "-Duser.install=0" || argument == "-Duser.install=1") continue;
-            if (!argument.empty() && argument.front() == '-') {
-                refuse("Illegal argument encountered: '" + argument + "'.\n");
+Texts vmOptions(bool isUser, const Given& given, Outcome& seen) {
+    static const Texts DEFAULTS = shared(SUPPORT "/default_options.txt");
+    const std::string home = homeOf(isUser, given.executablePath);
+    Texts options;
+    for (std::string option : DEFAULTS) {
+        if (const auto mark = option.find("{home}"); mark != std::string::npos) {
+            option.replace(mark, 6, home);
+        }
+        options.push_back(option);
+    }
+    seen.opened.push_back("r " + home + "/Library/Application Support/Quillrest/conf/jvm_args");
+    if (given.overrideFile) {
+        seen.output.push_back("jvm_args file found, loading arguments\n");
+        for (const auto& line : linesOf(*given.overrideFile)) {
+            if (!allowed(line)) {
+                reject(seen, "Invalid parameter found inside jvm_args file: '" + line + "'\n");
             }
-            kept.push_back(argument);
-        }
-        return kept;
-    }
-
-    Texts vmOptions(bool isUser) const {
-        const std::string home = homeOf(isUser, given.executablePath);
-        Texts options;
-        for (std::string option : defaults) {
-            if (const auto mark = option.find("{home}"); mark != std::string::npos) {
-                option.replace(mark, 6, home);
-            }
-            options.push_back(option);
-        }
-        seen.opened.push_back("r " + home + "/Library/Application Support/Quillrest/conf/jvm_args");
-        if (given.overrideFile) {
-            seen.output.push_back("jvm_args file found, loading arguments\n");
-            for (const auto& line : linesOf(*given.overrideFile)) {
-                if (!admitted(line)) {
-                    refuse("Invalid parameter found inside jvm_args file: '" + line + "'\n");
-                }
-                options.push_back(line);
-            }
-        }
-        if (isUser) options.push_back("-Duser.install=1");
-        return options;
-    }
-
-    void createVM(Texts options) const {
-        options.insert(options.begin(),
-                       "-Djava.class.path=../Resources/lib/com.vaultory.desktop.jar"
-                       ":../Resources/lang");
-        const auto status = std::to_string(given.createStatus);
-        seen.calls.push_back("JNI_CreateJavaVM(version=0x10008, ignoreUnrecognized=0, nOptions=" +
-                             std::to_string(options.size()) + ", " + quoteAll(options) +
-                             ") = " + (given.createStatus == 0 ? "env#1" : status));
-        if (given.createStatus != 0) fail("Error creating JVM: " + status);
-    }
-
-    void findService() const {
-        const std::string find = "env#1: FindClass(\"com/vaultory/service/QRService\") = ";
-        const std::string get =
-            "env#1: GetStaticMethodID(class#1, \"main\", \"([Ljava/lang/String;)V\") = ";
-        seen.calls.push_back(find + (given.hasClass ? "class#1" : "null"));
-        if (!given.hasClass) {
-            seen.calls.push_back("DestroyJavaVM() = 0");
-            fail("Class Error. Couldn't find parent class 'com/vaultory/service/QRService'");
-        }
-        seen.calls.push_back(get + (given.hasMethod ? "method#1" : "null"));
-        if (!given.hasMethod) {
-            seen.calls.push_back("DestroyJavaVM() = 0");
-            fail("Couldn't find method 'main' with proper signature of '([Ljava/lang/String;)V'");
+            options.push_back(line);
         }
     }
+    if (isUser) options.push_back("-Duser.install=1");
+    return options;
+}
 
-    [[noreturn]] void refuse(const std::string& message) const {
-        seen.errors += message;
-        throw End{"status 1"};
+void createVM(Texts options, const Given& given, Outcome& seen) {
+    options.insert(options.begin(),
+                   "-Djava.class.path=../Resources/lib/com.vaultory.desktop.jar"
+                   ":../Resources/lang");
+    const auto status = std::to_string(given.createStatus);
+    seen.calls.push_back("JNI_CreateJavaVM(version=0x10008, ignoreUnrecognized=0, nOptions=" +
+                         std::to_string(options.size()) + ", " + quoteAll(options) +
+                         ") = " + (given.createStatus == 0 ? "env#1" : status));
+    if (given.createStatus != 0) fail(seen, "Error creating JVM: " + status);
+}
+
+void findService(const Given& given, Outcome& seen) {
+    seen.calls.push_back(std::string("env#1: FindClass(\"com/vaultory/service/QRService\") = ") +
+                         (given.hasClass ? "class#1" : "null"));
+    if (given.hasClass) {
+        seen.calls.push_back(std::string("env#1: GetStaticMethodID(class#1, \"main\", "
+                                         "\"([Ljava/lang/String;)V\") = ") +
+                             (given.hasMethod ? "method#1" : "null"));
     }
+    if (given.hasClass && given.hasMethod) return;
+    seen.calls.push_back("DestroyJavaVM() = 0");
+    fail(seen, !given.hasClass ? "Class Error. Couldn't find parent class "
+                                 "'com/vaultory/service/QRService'"
+                               : "Couldn't find method 'main' with proper signature of "
+                                 "'([Ljava/lang/String;)V'");
+}
 
-    [[noreturn]] void fail(const std::string& message) const {
-        refuse("Error while interacting with the JVM: \n" + message + '\n');
-    }
-
-    const Given& given;
-    const Texts& defaults;
-    Outcome& seen;
-};
+[[noreturn]] void run(const Given& given, Outcome& seen) {
+    if (!given.commandLine) throw End{"uncaught length_error"};
+    const bool isUser = perUser(*given.commandLine);
+    seen.output.push_back(isUser ? "Launching as user\n" : "Launching as system\n");
+    const Texts arguments = applicationArguments(*given.commandLine, seen);
+    const Texts options = vmOptions(isUser, given, seen);
+    seen.output.push_back("JVM arguments in use: \n" + lines(options) + "Arguments in use: \n" +
+                          lines(arguments) + '\n');
+    createVM(options, given, seen);
+    findService(given, seen);
+    seen.output.push_back("Starting service.\n");
+    for (auto& call : invocation(arguments)) seen.calls.push_back(call);
+    seen.output.push_back("Service is complete.\n");
+    throw End{"status 0"};
+}
 
 }  // namespace
 
-Oracle::Oracle(const std::string& defaultOptionsFile) {
-    std::ifstream file(defaultOptionsFile);
-    for (std::string line; std::getline(file, line);) defaults.push_back(line);
-}
-
-Outcome Oracle::tell(const Given& given) const {
-    Outcome outcome;
+Outcome tell(const Given& given) {
+    Outcome seen;
     try {
-        Run(given, defaults, outcome).go();
+        run(given, seen);
     } catch (const End& end) {
-        outcome.end = end.how;
+        seen.end = end.how;
     }
-    return outcome;
-}
-
-std::optional<std::string> Oracle::overrideFilePath(const Given& given) {
-    try {
-        return homeOf(given.commandLine && perUser(*given.commandLine), given.executablePath) +
-               "/Library/Application Support/Quillrest/conf/jvm_args";
-    } catch (const End&) {
-        return std::nullopt;
-    }
+    return seen;
 }

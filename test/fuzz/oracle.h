@@ -25,17 +25,5 @@ struct Outcome {
     bool operator==(const Outcome&) const = default;
 };
 
-/// What has to come of it, from the documented behaviour alone. The defaults are the
-/// lines of a text file, "{home}" standing where a home folder goes.
-class Oracle {
-public:
-    explicit Oracle(const std::string& defaultOptionsFile);
-
-    Outcome tell(const Given& given) const;
-
-    /// Where a run looks for its override file; nothing if it does not get that far.
-    static std::optional<std::string> overrideFilePath(const Given& given);
-
-private:
-    std::vector<std::string> defaults;
-};
+/// What has to come of it, from the documented behaviour alone.
+Outcome tell(const Given& given);

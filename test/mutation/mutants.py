@@ -1,8 +1,10 @@
-"""Makes small wrong versions of a C++ source as this project lays them out: blanks around
+"""Makes small wrong versions of a C++ source as this project lays them out: spaces around
 binary operators, braces around every body."""
 
 import re
 import typing
+
+import product
 
 TOKEN = re.compile(r"""
     (?P<space>\s+|//[^\n]*)
@@ -18,28 +20,15 @@ OPERATORS = {"==": ["!="], "!=": ["=="], "&&": ["||"], "||": ["&&"], "+": ["-"],
              "<": ["<=", ">"], ">": [">=", "<"], "<=": ["<", ">="], ">=": [">", "<="],
              "++": ["--"], "--": ["++"]}
 CONSTANTS = {"true": ["false"], "false": ["true"], "EXIT_SUCCESS": ["EXIT_FAILURE"],
-             "EXIT_FAILURE": ["EXIT_SUCCESS", "2"], "JNI_TRUE": ["JNI_FALSE"],
-             "JNI_FALSE": ["JNI_TRUE"], "JNI_OK": ["JNI_ERR"], "PATH_MAX": ["16"],
-             "JNI_VERSION_1_8": ["JNI_VERSION_1_6"], "badbit": ["failbit", "eofbit", "goodbit"],
-             "AT_EXECFN": ["AT_PLATFORM"], "USER_INSTALL_ARG": ["SYS_INSTALL_ARG"],
-             "SYS_INSTALL_ARG": ["USER_INSTALL_ARG"], "BRAND": ["DATA_DIR"],
-             "SERVICE_CONTENTS": ["DATA_DIR"], "DATA_DIR": ["SERVICE_CONTENTS"]}
+             "EXIT_FAILURE": ["EXIT_SUCCESS", "2"], "badbit": ["failbit", "eofbit", "goodbit"],
+             **product.CONSTANTS}
 NAMES = {"begin": ["end"], "end": ["begin"], "find": ["rfind"], "cout": ["cerr"], "cerr": ["cout"],
          "find_last_of": ["find_first_of", "find_last_not_of"],
          "find_first_of": ["find_last_of", "find_first_not_of"],
          "starts_with": ["ends_with"], "any_of": ["all_of", "none_of"],
-         "getDefaultJVMArgs": ["getJVMArgsFromFile"], "runtime_error": ["logic_error", "exception"],
-         "failure": ["exception"], "uint32_t": ["uint16_t", "uint64_t"],
-         "uint64_t": ["uint32_t", "uint16_t"], "int64_t": ["uint32_t", "int8_t"],
-         "jint": ["signed char"], "jsize": ["signed char"], "className": ["methodName"],
-         "methodName": ["signature"], "signature": ["className"],
-         "AttachCurrentThread": ["AttachCurrentThreadAsDaemon", "DetachCurrentThread"],
-         "attachCurrentThread": ["detachCurrentThread"],
-         "detachCurrentThread": ["attachCurrentThread"],
-         "GetStaticMethodID": ["GetMethodID"], "CallStaticVoidMethod": ["CallStaticObjectMethod"],
-         "DeleteLocalRef": ["DeleteGlobalRef"], "try_emplace": ["insert_or_assign"]}
-VARIABLES = {"contents": ["data"], "data": ["contents"], "appArgs": ["jvmArgs", "commandLine"],
-             "jvmArgs": ["appArgs", "commandLine"], "commandLine": ["appArgs"]}
+         "runtime_error": ["logic_error", "exception"], "failure": ["exception"],
+         "uint32_t": ["uint16_t", "uint64_t"], "uint64_t": ["uint32_t", "uint16_t"],
+         "int64_t": ["uint32_t", "int8_t"], "try_emplace": ["insert_or_assign"], **product.NAMES}
 WORDS = {"if", "while", "for", "switch", "catch", "return", "throw", "sizeof"}
 
 
@@ -79,7 +68,7 @@ class Source:
         return Mutant(kind, self.starts[first], self.ends[last], text)
 
     def is_binary(self, index):
-        """Whether blanks stand around it, as around neither a template's bracket nor a sign."""
+        """Whether spaces stand around it, as around neither a template's bracket nor a sign."""
         start, end = self.starts[index], self.ends[index]
         return self.text[start - 1].isspace() and self.text[end].isspace()
 
@@ -158,8 +147,8 @@ def words(source):
         if source.text[source.starts[index] - 1] == "\n":
             function = set()
         function.add(token)
-        if token in VARIABLES and source.at(index - 1) not in {".", "->", "::"}:
-            for other in sorted(function & set(VARIABLES[token])):
+        if token in product.VARIABLES and source.at(index - 1) not in {".", "->", "::"}:
+            for other in sorted(function & set(product.VARIABLES[token])):
                 yield source.edit("names", index, index, other)
 
 

@@ -1,6 +1,7 @@
 #include "runtime.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <array>
@@ -30,6 +31,14 @@ void writeTo(int descriptor, const std::string& text) {
         write(descriptor, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
         endTest("The runtime could not write to descriptor " + std::to_string(descriptor) + ".");
     }
+}
+
+bool onMainThread() {
+#ifdef __APPLE__
+    return pthread_main_np() != 0;
+#else
+    return gettid() == getpid();
+#endif
 }
 
 std::string variable(const char* name) {
@@ -182,6 +191,9 @@ void writeRecord(const std::string& line) {
 /// Records a call, by the env or through the VM, and throws where it should.
 void record(const std::string& by, const std::string& function, const std::string& arguments,
             const std::string& result = "") {
+    if (!onMainThread()) {
+        endTest("The launcher called " + function + " on a second thread.");
+    }
     const std::string line =
         by + function + "(" + arguments + ")" + (result.empty() ? "" : " = " + result);
     current().calls.push_back(line);
@@ -332,6 +344,9 @@ const std::vector<std::string>& calls() {
 
 extern "C" JNIEXPORT jint JNICALL JNI_CreateJavaVM(JavaVM** vm, void** env, void* args) {
     const auto& init = *static_cast<const JavaVMInitArgs*>(args);
+    if (current().behaviour.onCreate) {
+        current().behaviour.onCreate(init);
+    }
     std::vector<std::string> options;
     for (jint i = 0; i < init.nOptions; ++i) {
         options.push_back(quoted(init.options[i].optionString) +

@@ -2,15 +2,16 @@
 
 #include <jni.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
 /// A stand-in for the Java runtime library: it exports JNI_CreateJavaVM, keeps a record
 /// of every call made to it, and does what it is told. A JNI function that the launcher
-/// has no business calling, or a reference that is not valid, ends the process at once
-/// with a message and SIGABRT.
+/// has no business calling, a reference that is not valid, or a call on another thread than
+/// the process's first ends the process at once with a message and SIGABRT.
 ///
-/// The record is one line a call; strings stand in double quotes, with \" and \\, and with
+/// The record is one line per call; strings stand in double quotes, with \" and \\, and with
 /// \xNN for bytes that are not printable ASCII. References are numbered by kind, in the
 /// order they were given out; every attached thread gets an env of its own:
 ///
@@ -34,13 +35,14 @@ struct Behaviour {
                                      // the Nth call (or first) of the function; KIND is
                                      // runtime_error, range_error, logic_error, bad_alloc or int
     std::string output = {};         // RUNTIME_OUTPUT: the Java method writes it to descriptor 1
+    std::function<void(const JavaVMInitArgs&)> onCreate = {};  // sees what the VM is given
 };
 
-/// Forgets everything and begins anew with this behaviour.
+/// Forgets everything and starts again with this behaviour.
 void reset(const Behaviour& behaviour = {});
 
 /// The record so far. It is also appended to the file that RUNTIME_RECORD names, "-" being
-/// descriptor 1, a write each line; there a last line, "exit", tells that the process ended
+/// descriptor 1, one write per line; there a last line, "exit", tells that the process ended
 /// through its exit routine.
 const std::vector<std::string>& calls();
 

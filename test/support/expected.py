@@ -12,6 +12,9 @@ COMPLETE = b"Service is complete.\n"
 
 _DEFAULTS = pathlib.Path(__file__).with_name("default_options.txt")
 
+# What a line of the override file may begin with.
+PREFIXES = pathlib.Path(__file__).with_name("allowed_prefixes.txt").read_bytes().splitlines()
+
 
 def options(home=b"", lines=None):
     """The VM options in order, less the class path, which goes ahead of them."""
@@ -40,11 +43,11 @@ def stdout(home=b"", lines=None, arguments=(), service=b""):
     return before_vm(home, lines, arguments) + STARTING + service + COMPLETE
 
 
-def refused_argument(argument):
+def rejected_argument(argument):
     return b"Illegal argument encountered: '" + argument + b"'.\n"
 
 
-def refused_line(line):
+def rejected_line(line):
     return b"Invalid parameter found inside jvm_args file: '" + line + b"'\n"
 
 

@@ -7,6 +7,7 @@ import pathlib
 import shutil
 import subprocess
 import tempfile
+import time
 import typing
 
 BUILD_DIR = pathlib.Path(os.environ["BUILD_DIR"])
@@ -92,11 +93,12 @@ class Process(subprocess.Popen):
         if not self._info.closed:
             with self._info:
                 self._init = json.load(self._info)["child-pid"]
-        children = f"/proc/{self._init}/task/{self._init}/children"
-        while True:
-            pids = pathlib.Path(children).read_text().split()
-            if pids:
-                return int(pids[0])
+        children = pathlib.Path(f"/proc/{self._init}/task/{self._init}/children")
+        deadline = time.monotonic() + 60
+        while not (pids := children.read_text().split()):
+            if time.monotonic() > deadline:
+                raise AssertionError("the command has not begun after 60 s")
+        return int(pids[0])
 
     def signal_command(self, number):
         """Sends the command itself a signal; wait for output first, to know it has begun."""

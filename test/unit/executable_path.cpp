@@ -4,12 +4,16 @@
 
 namespace executable {
 
-std::string path;
+std::string& path() {
+    static std::string current;
+    return current;
+}
+
 int timesAsked = 0;
 std::uint32_t capacity = 0;
 
 void liesAt(const std::string& newPath) {
-    path = newPath;
+    path() = newPath;
     timesAsked = 0;
     capacity = 0;
 }
@@ -19,12 +23,13 @@ void liesAt(const std::string& newPath) {
 int launcher::getExecutablePath(char* buffer, std::uint32_t* size) {
     ++executable::timesAsked;
     executable::capacity = *size;
-    const std::uint32_t needed = static_cast<std::uint32_t>(executable::path.size()) + 1;
+    const std::string& path = executable::path();
+    const std::uint32_t needed = static_cast<std::uint32_t>(path.size()) + 1;
     if (needed > *size) {
         *size = needed;
         return -1;
     }
-    executable::path.copy(buffer, executable::path.size());
-    buffer[executable::path.size()] = '\0';
+    path.copy(buffer, path.size());
+    buffer[path.size()] = '\0';
     return 0;
 }

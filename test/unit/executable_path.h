@@ -3,10 +3,11 @@
 #include <cstdint>
 #include <string>
 
-/// Takes the platform's part in these tests: launcher::getExecutablePath gives this path.
+/// Replaces the platform in these tests: launcher::getExecutablePath gives this path, also
+/// before main.
 namespace executable {
 
-extern std::string path;
+std::string& path();
 extern int timesAsked;
 extern std::uint32_t capacity;  // as last offered
 
