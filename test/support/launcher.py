@@ -1,12 +1,21 @@
-"""The installed launcher over the recording stand-in for the Java runtime."""
+"""The launcher over the recording stand-in for the Java runtime: the installed one, or with SLICE
+in the environment that slice of the macOS executable, run by the loader of test/macho."""
 
+import os
 import typing
 
-from . import CONTENTS, expected
+from . import CONTENTS, ROOT, expected
 from .private_root import BUILD_DIR, PrivateRoot
 
-PROGRAM = BUILD_DIR / "Applications" / CONTENTS / "MacOS/OrvaneService"
-RUNTIME = BUILD_DIR / "test/runtime/libjvm.so"
+SLICE = os.environ.get("SLICE")  # x86_64 or arm64
+if SLICE:
+    MACHO_FILE = os.environ.get("MACHO_FILE", ROOT / "build/macos-universal/src/OrvaneService")
+    PROGRAM = ROOT / "build/macho" / SLICE / "loader"
+    RUNTIME = ROOT / "build/macho" / SLICE / "libjvm.so"
+else:
+    PROGRAM = BUILD_DIR / "Applications" / CONTENTS / "MacOS/OrvaneService"
+    RUNTIME = BUILD_DIR / "test/runtime/libjvm.so"
+EMULATOR = ["qemu-aarch64-static", "-L", "/usr/aarch64-linux-gnu"] if SLICE == "arm64" else []
 ABORTED = 128 + 6
 
 
@@ -35,6 +44,9 @@ class Launcher:
         self.folder = f"{applications}/{CONTENTS}/MacOS"
         self.program = self.folder + "/OrvaneService"
         self.root.put(self.program, PROGRAM)
+        self.env = {"MACHO_FILE": "/tmp/macho"} if SLICE else {}
+        if SLICE:
+            self.root.put("/tmp/macho", MACHO_FILE)
         self.put_runtime(f"{applications}/{CONTENTS}")
 
     def put_runtime(self, contents, folder="server"):
@@ -52,8 +64,9 @@ class Launcher:
         Process. A behaviour such as create_status=-1 is the stand-in's (see
         runtime/runtime.h); streams are as for PrivateRoot.start."""
         told = {"RUNTIME_" + name.upper(): str(value) for name, value in behaviour.items()}
-        return self.root.start([*by, program or self.program, *arguments], cwd=cwd or self.folder,
-                               env={"RUNTIME_RECORD": record, **told, **(env or {})},
+        return self.root.start([*by, *EMULATOR, program or self.program, *arguments],
+                               cwd=cwd or self.folder,
+                               env={"RUNTIME_RECORD": record, **told, **self.env, **(env or {})},
                                **(streams or {}))
 
     def run(self, *arguments, **how):
