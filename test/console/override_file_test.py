@@ -27,9 +27,9 @@ ACCEPTED = {
     "lines of 70000 bytes are handed on whole":
         (b"-Xmx" + b"a" * 69996 + b"\n-Xmx" + b"b" * 69996, [b"-Xmx" + b"a" * 69996,
                                                             b"-Xmx" + b"b" * 69996]),
-    "3000 lines are handed on in order":
-        (b"\n".join(b"-Xmx%d" % number for number in range(3000)),
-         [b"-Xmx%d" % number for number in range(3000)]),
+    "12,000 lines, more than a megabyte, are handed on in order":
+        (b"\n".join(b"-Xmx%096d" % number for number in range(12000)),
+         [b"-Xmx%096d" % number for number in range(12000)]),
 }
 
 # Lines that are rejected where they stand alone.
