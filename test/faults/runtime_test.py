@@ -7,7 +7,7 @@ from support.bundle import Bundle
 from support.launcher import ABORTED, Launcher, Run
 from support.private_root import BUILD_DIR
 
-LIBRARY = "../Resources/jre/lib/server/libjvm.so"
+LIBRARY = b"../Resources/jre/lib/server/libjvm.so"
 NOT_LOADED = b": error while loading shared libraries: "
 NOT_FOUND = b"libjvm.so: cannot open shared object file: No such file or directory"
 AARCH64 = b"\xb7"
@@ -16,42 +16,30 @@ AARCH64 = b"\xb7"
 class LibraryTest(unittest.TestCase):
     maxDiff = None
 
-    def assert_not_started(self, library, message):
-        """The run over this libjvm.so, None for no such file, ends in the dynamic loader."""
-        launcher = Launcher(self)
-        path = launcher.root.path(f"{launcher.folder}/{LIBRARY}")
-        path.unlink()
-        if library is not None:
-            path.write_bytes(library)
-        self.assertEqual(launcher.run(),
-                         Run(127, b"", launcher.program.encode() + message + b"\n", [],
-                             normal_end=False))
-
-    def setUp(self):
-        self.library = (BUILD_DIR / "test/runtime/libjvm.so").read_bytes()
-
-    def test_a_missing_library_is_reported(self):
-        self.assert_not_started(None, NOT_LOADED + NOT_FOUND)
-
-    def test_a_library_for_another_machine_counts_as_missing(self):
-        self.assert_not_started(self.library[:18] + AARCH64 + self.library[19:],
-                                NOT_LOADED + NOT_FOUND)
-
-    def test_a_truncated_library_is_reported(self):
-        for size in 0, 40:
-            self.assert_not_started(self.library[:size], NOT_LOADED + LIBRARY.encode() +
-                                    b": file too short")
-
-    def test_what_is_no_library_is_reported(self):
-        self.assert_not_started(b"not a library\n" * 1000, NOT_LOADED + LIBRARY.encode() +
-                                b": invalid ELF header")
-
-    def test_a_library_without_the_function_that_creates_a_VM_is_reported(self):
-        launcher = Launcher(self)
-        self.assert_not_started(
-            self.library.replace(b"\0JNI_CreateJavaVM\0", b"\0JNI_CreateOthers\0"),
-            b": symbol lookup error: " + launcher.program.encode() +
-            b": undefined symbol: JNI_CreateJavaVM, version SUNWprivate_1.1")
+    def test_a_library_that_cannot_be_loaded_is_reported_by_the_dynamic_loader(self):
+        library = (BUILD_DIR / "test/runtime/libjvm.so").read_bytes()
+        for what, content, message in (
+                ("missing", None, NOT_LOADED + NOT_FOUND),
+                ("for another machine", library[:18] + AARCH64 + library[19:],
+                 NOT_LOADED + NOT_FOUND),
+                ("empty", b"", NOT_LOADED + LIBRARY + b": file too short"),
+                ("truncated", library[:40], NOT_LOADED + LIBRARY + b": file too short"),
+                ("no library", b"not a library\n" * 1000,
+                 NOT_LOADED + LIBRARY + b": invalid ELF header"),
+                ("without the function that creates a VM",
+                 library.replace(b"\0JNI_CreateJavaVM\0", b"\0JNI_CreateOthers\0"),
+                 b": symbol lookup error: %s: undefined symbol: JNI_CreateJavaVM, version "
+                 b"SUNWprivate_1.1")):
+            with self.subTest(what):
+                launcher = Launcher(self)
+                program = launcher.program.encode()
+                path = launcher.root.path(f"{launcher.folder}/{LIBRARY.decode()}")
+                path.unlink()
+                if content is not None:
+                    path.write_bytes(content)
+                self.assertEqual(launcher.run(), Run(
+                    127, b"", program + message.replace(b"%s", program) + b"\n", [],
+                    normal_end=False))
 
 
 class ImageTest(unittest.TestCase):

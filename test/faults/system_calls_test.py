@@ -88,7 +88,7 @@ class SystemCallsTest(unittest.TestCase):
                     whole = read // len(LINES[0] + b"\n")
                     self.assertEqual(run, finished(lines=LINES[:whole]))
 
-    def test_an_interrupted_read_is_made_again(self):
+    def test_an_interrupted_read_is_repeated(self):
         for number in range(1, self.reads() + 1):
             with self.subTest(number=number):
                 self.assertEqual(self.run_failing("read", "EINTR", number)[0],

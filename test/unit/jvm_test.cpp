@@ -103,6 +103,29 @@ Strings callsWith(const Strings& arguments) {
     return Strings(runtime::calls().begin() + before, runtime::calls().end());
 }
 
+/// The same as expected: arguments in quotes, and what attaching, FindClass and detaching give.
+Strings invocation(const Strings& quoted, const std::string& attached = "env#2",
+                   const std::string& stringClass = "class#2", const std::string& detached = "0") {
+    const std::string env = attached == "env#2" ? "env#2: " : "env#1: ";
+    std::string list;
+    Strings calls{"AttachCurrentThread(null) = " + attached,
+                  env + R"(FindClass("java/lang/String") = )" + stringClass,
+                  env + R"(NewStringUTF("") = string#1)",
+                  env + "NewObjectArray(" + std::to_string(quoted.size()) + ", " + stringClass +
+                      ", string#1) = array#1"};
+    for (std::size_t i = 0; i < quoted.size(); ++i) {
+        const std::string string = "string#" + std::to_string(i + 2);
+        calls.push_back(env + "NewStringUTF(" + quoted[i] + ") = " + string);
+        calls.push_back(env + "SetObjectArrayElement(array#1, " + std::to_string(i) + ", " +
+                        string + ")");
+        list += (i == 0 ? "" : ", ") + quoted[i];
+    }
+    calls.insert(calls.end(),
+                 {env + "CallStaticVoidMethod(class#1, method#1, array#1 [" + list + "])",
+                  env + "DeleteLocalRef(array#1)", "DetachCurrentThread() = " + detached});
+    return calls;
+}
+
 TEST_F(Lifecycle, The_class_path_is_the_first_option_and_the_list_follows_in_order) {
     { const JVM jvm({"-b", "-a", "-b"}, "-cp"); }
     EXPECT_EQ(runtime::calls(),
@@ -343,58 +366,23 @@ TEST_F(Invocation, A_call_attaches_builds_the_array_calls_deletes_the_array_and_
 }
 
 TEST_F(Invocation, Without_arguments_the_array_is_empty_and_not_null) {
-    EXPECT_EQ(callsWith({}),
-              (Strings{"AttachCurrentThread(null) = env#2",
-                       R"(env#2: FindClass("java/lang/String") = class#2)",
-                       R"(env#2: NewStringUTF("") = string#1)",
-                       "env#2: NewObjectArray(0, class#2, string#1) = array#1",
-                       "env#2: CallStaticVoidMethod(class#1, method#1, array#1 [])",
-                       "env#2: DeleteLocalRef(array#1)", "DetachCurrentThread() = 0"}));
+    EXPECT_EQ(callsWith({}), invocation({}));
 }
 
 TEST_F(Invocation, Arguments_arrive_byte_for_byte_and_in_order) {
     EXPECT_EQ(callsWith({" b ", "", "a b\tc\n", "\xc3\xa9\xff", "'\"\\", " b "}),
-              (Strings{"AttachCurrentThread(null) = env#2",
-                       R"(env#2: FindClass("java/lang/String") = class#2)",
-                       R"(env#2: NewStringUTF("") = string#1)",
-                       "env#2: NewObjectArray(6, class#2, string#1) = array#1",
-                       R"(env#2: NewStringUTF(" b ") = string#2)",
-                       "env#2: SetObjectArrayElement(array#1, 0, string#2)",
-                       R"(env#2: NewStringUTF("") = string#3)",
-                       "env#2: SetObjectArrayElement(array#1, 1, string#3)",
-                       R"(env#2: NewStringUTF("a b\x09c\x0a") = string#4)",
-                       "env#2: SetObjectArrayElement(array#1, 2, string#4)",
-                       R"(env#2: NewStringUTF("\xc3\xa9\xff") = string#5)",
-                       "env#2: SetObjectArrayElement(array#1, 3, string#5)",
-                       R"(env#2: NewStringUTF("'\"\\") = string#6)",
-                       "env#2: SetObjectArrayElement(array#1, 4, string#6)",
-                       R"(env#2: NewStringUTF(" b ") = string#7)",
-                       "env#2: SetObjectArrayElement(array#1, 5, string#7)",
-                       R"(env#2: CallStaticVoidMethod(class#1, method#1, array#1 [" b ", "", )"
-                       R"("a b\x09c\x0a", "\xc3\xa9\xff", "'\"\\", " b "]))",
-                       "env#2: DeleteLocalRef(array#1)", "DetachCurrentThread() = 0"}));
+              invocation({R"(" b ")", R"("")", R"("a b\x09c\x0a")", R"("\xc3\xa9\xff")",
+                          R"("'\"\\")", R"(" b ")"}));
 }
 
 TEST_F(Invocation, A_runtime_that_will_not_attach_or_detach_is_used_all_the_same) {
     runtime::reset({.attachStatus = JNI_ERR, .detachStatus = JNI_ERR});
-    EXPECT_EQ(callsWith({}),
-              (Strings{"AttachCurrentThread(null) = -1",
-                       R"(env#1: FindClass("java/lang/String") = class#2)",
-                       R"(env#1: NewStringUTF("") = string#1)",
-                       "env#1: NewObjectArray(0, class#2, string#1) = array#1",
-                       "env#1: CallStaticVoidMethod(class#1, method#1, array#1 [])",
-                       "env#1: DeleteLocalRef(array#1)", "DetachCurrentThread() = -1"}));
+    EXPECT_EQ(callsWith({}), invocation({}, "-1", "class#2", "-1"));
 }
 
 TEST_F(Invocation, A_missing_string_class_goes_unnoticed) {
     runtime::reset({.missingClass = "java/lang/String"});
-    EXPECT_EQ(callsWith({}),
-              (Strings{"AttachCurrentThread(null) = env#2",
-                       R"(env#2: FindClass("java/lang/String") = null)",
-                       R"(env#2: NewStringUTF("") = string#1)",
-                       "env#2: NewObjectArray(0, null, string#1) = array#1",
-                       "env#2: CallStaticVoidMethod(class#1, method#1, array#1 [])",
-                       "env#2: DeleteLocalRef(array#1)", "DetachCurrentThread() = 0"}));
+    EXPECT_EQ(callsWith({}), invocation({}, "env#2", "null"));
 }
 
 TEST_F(Invocation, An_unknown_identifier_is_an_error_that_lists_the_arguments) {
