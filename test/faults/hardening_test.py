@@ -12,9 +12,10 @@ from support.private_root import BUILD_DIR
 SRC = ROOT / "src"
 
 # What the product itself imports, besides C++ and the compiler's own: it can read neither the
-# environment nor standard input, nor start a thread.
+# environment nor standard input, nor start a thread, nor take a locale from elsewhere.
 C_FUNCTIONS = {"JNI_CreateJavaVM", "exit", "getauxval", "getcwd", "bcmp", "memchr", "memcmp",
                "memcpy", "memmove", "memset", "strlen"}
+FORBIDDEN = r"6locale(6global|C[12]E[^v])|6thread|filesystem|chrono|random_device"
 COMPILER = r"_GLOBAL_OFFSET_TABLE_|__dso_handle|(_Unwind|__cxa|__gxx|__stack_chk)_\w+|__\w+_chk"
 
 
@@ -73,6 +74,7 @@ class HardeningTest(unittest.TestCase):
                              C_FUNCTIONS)
         self.assertEqual(set(re.findall(r"^_ZN?St(?:3__1)?\d(w?c(?:in|out|err|log))E? U", symbols,
                                         re.MULTILINE)), {"cout", "cerr"})
+        self.assertEqual([name for name in names if re.search(FORBIDDEN, name)], [])
         self.assertIn("\nint main(int argc, char* argv[]) {\n",
                       (SRC / "launcher/main.cpp").read_text())
 
