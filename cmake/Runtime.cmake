@@ -1,23 +1,99 @@
-# The bundle's Java runtime: the modules the service needs, linked anew when those or the JDK
-# changed, and at the end of an installation the class data that makes its starts fast.
+# The bundle's Java runtime: the modules the service needs, linked again when those, the options or
+# the JDK changed, and at the end of an installation the CDS archive that makes its starts fast.
 
-foreach(tool java jlink jdeps)
+foreach(tool java jlink jdeps jmod)
     if(NOT EXISTS "${BUNDLE_JDK}/bin/${tool}")
         refuse(BUNDLE_JDK "'${BUNDLE_JDK}' has no bin/${tool}; name a JDK, 11 or later")
     endif()
 endforeach()
-execute_process(COMMAND "${BUNDLE_JDK}/bin/java" --list-modules
-    OUTPUT_VARIABLE jdk_modules COMMAND_ERROR_IS_FATAL ANY)
+
+# ask(VARIABLE RESULT COMMAND...): what the command prints; a refusal of the variable if it fails.
+function(ask variable result)
+    execute_process(COMMAND ${ARGN} OUTPUT_VARIABLE said ERROR_VARIABLE errors RESULT_VARIABLE status)
+    if(NOT status EQUAL 0)
+        string(REGEX REPLACE "\n.*" "" errors "${errors}${said}")
+        list(JOIN ARGN " " command)
+        refuse(${variable} "'${command}' fails: ${errors}; name one that works")
+    endif()
+    set(${result} "${said}" PARENT_SCOPE)
+endfunction()
+
+# platform(RESULT SYSTEM PROCESSOR): as the modules of a JDK write it, such as macos-aarch64.
+function(platform result system processor)
+    string(REGEX REPLACE "^(Darwin|macOS)$" "macos" text "${system}")
+    string(REGEX REPLACE "^arm64$" "aarch64" processor "${processor}")
+    string(REGEX REPLACE "^(x86_64|AMD64)$" "amd64" processor "${processor}")
+    string(TOLOWER "${text}-${processor}" text)
+    set(${result} "${text}" PARENT_SCOPE)
+endfunction()
+
+ask(BUNDLE_JDK jdk_modules "${BUNDLE_JDK}/bin/java" --list-modules)
 string(REGEX REPLACE "@[^\n]*\n" ";" jdk_modules "${jdk_modules}")
+file(READ "${BUNDLE_JDK}/release" release)
+set(platform_variable BUNDLE_JDK)
+if(BUNDLE_JMODS)
+    need_directory(BUNDLE_JMODS java.base.jmod)
+    set(platform_variable BUNDLE_JMODS)
+    ask(BUNDLE_JMODS described "${BUNDLE_JDK}/bin/jmod" describe "${BUNDLE_JMODS}/java.base.jmod")
+    string(REGEX MATCH "\nplatform ([a-z0-9_-]+)" found "${described}")
+    set(runtime_platform ${CMAKE_MATCH_1})
+    file(GLOB jdk_modules RELATIVE "${BUNDLE_JMODS}" "${BUNDLE_JMODS}/*.jmod")
+    list(TRANSFORM jdk_modules REPLACE "\\.jmod$" "")
+    set(libjvm "${BUNDLE_JMODS}/java.base.jmod")
+else()
+    string(REGEX MATCH "OS_NAME=\"([^\"]*)\"" found "${release}")
+    set(system "${CMAKE_MATCH_1}")
+    string(REGEX MATCH "OS_ARCH=\"([^\"]*)\"" found "${release}")
+    platform(runtime_platform "${system}" "${CMAKE_MATCH_1}")
+    set(libjvm "${BUNDLE_JDK}/lib/server/libjvm.dylib")
+endif()
+
+set(processors ${CMAKE_SYSTEM_PROCESSOR})
+if(CMAKE_OSX_ARCHITECTURES)
+    set(processors ${CMAKE_OSX_ARCHITECTURES})
+elseif(MACOS_OTHER_SLICE)
+    set(processors arm64 x86_64)
+endif()
+set(executable_platforms "")
+foreach(processor IN LISTS processors)
+    platform(one ${CMAKE_SYSTEM_NAME} ${processor})
+    list(APPEND executable_platforms ${one})
+endforeach()
+if(NOT runtime_platform IN_LIST executable_platforms)
+    refuse(${platform_variable} "'${${platform_variable}}' is for ${runtime_platform}, the executable for ${executable_platforms}; name the jmods directory of a JDK for that in BUNDLE_JMODS")
+endif()
+
+if(runtime_platform MATCHES "^macos-")
+    ask(${platform_variable} runs_on ${jars_py} minimum-system "${libjvm}")
+    string(STRIP "${runs_on}" runs_on)
+    if(runs_on VERSION_GREATER minimum_system)
+        set(minimum_system ${runs_on})
+    endif()
+endif()
+
 foreach(module IN LISTS BUNDLE_MODULES)
     if(NOT module IN_LIST jdk_modules)
-        refuse(BUNDLE_MODULES
-            "'${module}' is no module of ${BUNDLE_JDK}; its bin/java --list-modules names them")
+        refuse(BUNDLE_MODULES "'${module}' is not a module of ${${platform_variable}}; '${BUNDLE_JDK}/bin/java --list-modules' prints them")
     endif()
 endforeach()
 if(NOT BUNDLE_TRAINING_SECONDS MATCHES "^[1-9][0-9]*$")
     refuse(BUNDLE_TRAINING_SECONDS
         "'${BUNDLE_TRAINING_SECONDS}' is not a time; give a whole number of seconds above 0")
+endif()
+
+set(options --strip-debug --no-header-files --no-man-pages)
+if(BUNDLE_JMODS)
+    list(APPEND options --module-path "${BUNDLE_JMODS}")
+endif()
+if(BUNDLE_VM_OPTIONS)
+    ask(BUNDLE_JDK plugins "${BUNDLE_JDK}/bin/jlink" --list-plugins)
+    if(NOT plugins MATCHES "--add-options")
+        refuse(BUNDLE_VM_OPTIONS
+            "the jlink of '${BUNDLE_JDK}' cannot store options; name a JDK, 17 or later, in BUNDLE_JDK")
+    endif()
+    separate_arguments(vm_options UNIX_COMMAND "${BUNDLE_VM_OPTIONS}")
+    ask(BUNDLE_VM_OPTIONS said "${BUNDLE_JDK}/bin/java" ${vm_options} -version)
+    list(APPEND options "--add-options=${BUNDLE_VM_OPTIONS}")
 endif()
 
 # What services need though no class file of theirs refers to it, where the JDK has it:
@@ -34,27 +110,27 @@ set(runtime ${PROJECT_BINARY_DIR}/jre)
 configure_file(cmake/link_runtime.cmake.in ${PROJECT_BINARY_DIR}/link_runtime.cmake @ONLY)
 add_custom_command(OUTPUT ${runtime}.modules
     COMMAND ${CMAKE_COMMAND} -P ${PROJECT_BINARY_DIR}/link_runtime.cmake
-    DEPENDS "${archive}" "${BUNDLE_JDK}/release" ${PROJECT_BINARY_DIR}/link_runtime.cmake
+    DEPENDS ${jars}.stamp "${BUNDLE_JDK}/release" ${PROJECT_BINARY_DIR}/link_runtime.cmake
     COMMENT "Looking up the modules the service needs" VERBATIM)
 add_custom_target(runtime ALL DEPENDS ${runtime}.modules)
-if(TARGET service)
-    add_dependencies(runtime service)
-endif()
+add_dependencies(runtime jars)
 
 # Another runtime than the one installed replaces it whole: the two are not mixed.
 install(CODE "set(built \"${runtime}\")" COMPONENT runtime)
-install(CODE "set(installed \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${resources}/jre\")"
-    COMPONENT runtime)
 install(CODE [[
     execute_process(RESULT_VARIABLE differs OUTPUT_QUIET ERROR_QUIET COMMAND ${CMAKE_COMMAND}
-        -E compare_files "${built}/lib/modules" "${installed}/lib/modules")
+        -E compare_files "${built}/lib/modules" "${contents}/Resources/jre/lib/modules")
     if(differs)
-        file(REMOVE_RECURSE "${installed}")
+        file(REMOVE_RECURSE "${contents}/Resources/jre")
     endif()]] COMPONENT runtime)
 install(DIRECTORY ${runtime} DESTINATION ${resources} COMPONENT runtime USE_SOURCE_PERMISSIONS)
 
-if(BUNDLE_CDS_ARCHIVE)
-    # Last of all; anew where the VM would refuse what is there, or the training was changed,
+platform(host ${CMAKE_HOST_SYSTEM_NAME} ${CMAKE_HOST_SYSTEM_PROCESSOR})
+if(BUNDLE_CDS_ARCHIVE AND NOT runtime_platform STREQUAL host)
+    install(CODE [[message(STATUS "The runtime is not for this machine: call "
+        "operator/update-cds-archive on a Mac, before signing")]] COMPONENT class-data)
+elseif(BUNDLE_CDS_ARCHIVE)
+    # Last of all; again where the VM would reject what is there, or the training was changed,
     # and whenever this component is installed by itself.
     set(training_arguments "")
     foreach(argument IN LISTS BUNDLE_TRAINING_ARGUMENTS)
