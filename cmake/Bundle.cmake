@@ -33,12 +33,12 @@ function(refuse variable text)
     message(FATAL_ERROR " ${variable}: ${text}")
 endfunction()
 
-# need_directory(VARIABLE [FILE]): the variable names a directory, and the directory holds the file.
+# need_directory(VARIABLE [FILE REMEDY]): the variable names a directory, and that has the file.
 function(need_directory variable)
     if(NOT IS_DIRECTORY "${${variable}}")
         refuse(${variable} "'${${variable}}' is not a directory; name the one to install")
-    elseif(ARGC EQUAL 2 AND NOT EXISTS "${${variable}}/${ARGV1}")
-        refuse(${variable} "'${${variable}}' has no ${ARGV1}, which the launcher names; add it")
+    elseif(ARGC GREATER 1 AND NOT EXISTS "${${variable}}/${ARGV1}")
+        refuse(${variable} "'${${variable}}' has no ${ARGV1}${ARGV2}")
     endif()
 endfunction()
 
@@ -58,7 +58,7 @@ foreach(variable BUNDLE_LANG BUNDLE_BIN BUNDLE_FRAMEWORKS)
     endif()
 endforeach()
 if(BUNDLE_CONF)
-    need_directory(BUNDLE_CONF service.log.xml)
+    need_directory(BUNDLE_CONF service.log.xml ", which the launcher names; add it")
 endif()
 need_match(BUNDLE_VERSION "[0-9]+(\\.[0-9]+)?(\\.[0-9]+)?"
     "a version; give one to three numbers with dots between them")

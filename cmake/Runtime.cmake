@@ -32,7 +32,7 @@ string(REGEX REPLACE "@[^\n]*\n" ";" jdk_modules "${jdk_modules}")
 file(READ "${BUNDLE_JDK}/release" release)
 set(platform_variable BUNDLE_JDK)
 if(BUNDLE_JMODS)
-    need_directory(BUNDLE_JMODS java.base.jmod)
+    need_directory(BUNDLE_JMODS java.base.jmod "; name the jmods directory of a JDK")
     set(platform_variable BUNDLE_JMODS)
     ask(BUNDLE_JMODS described "${BUNDLE_JDK}/bin/jmod" describe "${BUNDLE_JMODS}/java.base.jmod")
     string(REGEX MATCH "\nplatform ([a-z0-9_-]+)" found "${described}")
@@ -107,6 +107,7 @@ foreach(module
 endforeach()
 
 set(runtime ${PROJECT_BINARY_DIR}/jre)
+set(runtime_source "${${platform_variable}}")
 configure_file(cmake/link_runtime.cmake.in ${PROJECT_BINARY_DIR}/link_runtime.cmake @ONLY)
 add_custom_command(OUTPUT ${runtime}.modules
     COMMAND ${CMAKE_COMMAND} -P ${PROJECT_BINARY_DIR}/link_runtime.cmake
