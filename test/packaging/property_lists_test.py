@@ -32,6 +32,7 @@ def info(**more):
 def job(label, home, *arguments):
     folder = f"{home}/Applications/Orvane.app/Contents/{SERVICE}/MacOS"
     return {
+        "AssociatedBundleIdentifiers": "com.vaultory.orvane",
         "Label": label,
         "ProgramArguments": [folder + "/OrvaneService", *arguments],
         "WorkingDirectory": folder,

@@ -50,20 +50,24 @@ class Vendor(unittest.TestCase):
     def service(self, name, class_path=None, **entries):
         return self.jar(name, class_path, **{"com_vaultory_service_QRService__class": b""}, **entries)
 
-    def jmods(self, platform, whole=False):
-        """A java.base.jmod for another platform, with a libjvm.dylib for macOS 12.3 on."""
+    def jmods(self, platform, *modules):
+        """The modules' jmods for another platform, with a libjvm.dylib for macOS 12.3 on; if none
+        is named, a java.base.jmod with nothing else in it. Their hashes of each other are hidden."""
         build_version = struct.pack("<6I", 0x32, 24, 1, 12 << 16 | 3 << 8, 0, 0)
-        header = struct.pack("<8I", 0xFEEDFACF, 0x01000007, 3, 6, 1, 24, 0, 0)
-        file = self.put(f"jmods for {platform}/java.base.jmod")
-        with zipfile.ZipFile(JDK / "jmods/java.base.jmod") as old, open(file, "wb") as target:
-            target.write(b"JM\1\0")
-            with zipfile.ZipFile(target, "w") as new:
-                for entry in old.namelist():
-                    if entry == "classes/module-info.class":
-                        new.writestr(entry, old.read(entry).replace(b"linux-amd64", platform.encode()))
-                    elif whole:
-                        new.writestr(entry, old.read(entry))
-                new.writestr("lib/server/libjvm.dylib", header + build_version)
+        library = struct.pack("<8I", 0xFEEDFACF, 0x01000007, 3, 6, 1, 24, 0, 0) + build_version
+        for module in modules or ["java.base"]:
+            file = self.put(f"jmods for {platform}/{module}.jmod")
+            with zipfile.ZipFile(JDK / f"jmods/{module}.jmod") as old, open(file, "wb") as target:
+                target.write(b"JM\1\0")
+                with zipfile.ZipFile(target, "w") as new:
+                    for entry in old.namelist():
+                        if entry == "classes/module-info.class":
+                            new.writestr(entry, old.read(entry).replace(
+                                b"linux-amd64", platform.encode()).replace(b"Hashes", b"-Hash-"))
+                        elif modules:
+                            new.writestr(entry, old.read(entry))
+                    if module == "java.base":
+                        new.writestr("lib/server/libjvm.dylib", library)
         return file.parent
 
     def cmake(self, *arguments, **how):
@@ -243,6 +247,40 @@ class Vendor(unittest.TestCase):
                     lines = archive.read("META-INF/MANIFEST.MF").split(b"\r\n")
                 self.assertLessEqual(max(map(len, lines)), 72)
 
+    def test_only_the_product_of_the_build_is_packed_and_never_with_a_broken_signature(self):
+        self.built(BUNDLE_JAR=self.service("service.jar"), BUNDLE_RUNTIME="OFF")
+        apps = self.build / "Applications"
+        app, contents = apps / "Orvane.app", apps / CONTENTS
+        jar, service = contents / "Resources/lib" / JAR, app / "Contents/Library/LaunchServices/OrvaneService.app"
+        remedy = f"call cmake --install '{self.build}' --prefix '{apps}'"
+        codesign = self.put("bin/codesign", mode=0o755)
+
+        def pack(valid="false"):
+            codesign.write_text(f"#!/bin/sh\n{valid} || {{ echo \"$4: not valid\" >&2; exit 1; }}\n")
+            shutil.rmtree(self.folder / "out", ignore_errors=True)
+            run = subprocess.run(
+                ["cpack", "--config", self.build / "CPackConfig.cmake", "-B", self.folder / "out"],
+                capture_output=True, text=True,
+                env={**os.environ, "PATH": f"{codesign.parent}:{os.environ['PATH']}"})
+            packed = [path.name for path in self.folder.glob("out/Orvane-*")]
+            return packed[0] if run.returncode == 0 else self.refusal(run)
+
+        (contents / "MacOS/OrvaneService").rename(self.folder / "launcher")
+        self.assertEqual(pack(), f"'{app}' has no launcher: {remedy}")
+        (self.folder / "launcher").rename(contents / "MacOS/OrvaneService")
+        self.jar(jar.parent / "other.jar")
+        self.assertEqual(pack(), f"'{app}' has the jars '{JAR};other.jar', and the build '{JAR}': "
+                                 f"remove the bundle and {remedy}")
+        (jar.parent / "other.jar").unlink()
+        before = jar.read_bytes()
+        jar.write_bytes(b"of another product")
+        self.assertEqual(pack(), f"'{jar}' is not what was built last: {remedy}")
+        jar.write_bytes(before)
+        (contents / "_CodeSignature").mkdir()
+        self.assertEqual(pack(), f"the signature of '{service}' is not valid, says codesign (1) "
+                         f"{service}: not valid: sign the bundle again, or pack it on a Mac")
+        self.assertEqual(pack(valid="true"), f"Orvane-{VERSION}-{os.uname().sysname}.tar.gz")
+
     def test_two_builds_give_the_same_tarball(self):
         tarballs = set()
         for umask in 0o022, 0o077:
@@ -267,14 +305,13 @@ class Vendor(unittest.TestCase):
         said = self.configure(*cross, BUNDLE_RUNTIME="ON")
         self.assertEqual(self.refusal(said), f"BUNDLE_JDK: '{JDK}' is for linux-amd64, the executable "
                          "for macos-amd64; name the jmods directory of a JDK for that in BUNDLE_JMODS")
-        jmods = self.jmods("macos-amd64", whole=True)
-        for jmod in (JDK / "jmods").iterdir():
-            if jmod.name != "java.base.jmod":
-                (jmods / jmod.name).symlink_to(jmod)
+        jmods = self.jmods("macos-amd64", "java.base", "java.logging", "java.management", "java.xml",
+                           "jdk.crypto.ec", "jdk.unsupported")
         self.assertEqual(self.configure(*cross, BUNDLE_JMODS=jmods, BUNDLE_RUNTIME="ON").returncode, 0)
         env = {**os.environ, **{f"ZIG_{which}_CACHE_DIR": str(ROOT / "build/zig/cache")
                                 for which in ("GLOBAL", "LOCAL")}}
-        self.assertEqual(self.cmake("--build", self.build, env=env).returncode, 0)
+        run = self.cmake("--build", self.build, env=env)
+        self.assertEqual(run.returncode, 0, run.stdout + run.stderr)
         run = self.cmake("--install", self.build, "--prefix", self.build / "Applications")
         self.assertIn("-- The runtime is not for this machine: call operator/update-cds-archive on a "
                       "Mac, before signing\n", run.stdout)
