@@ -57,5 +57,4 @@ endif()
 include(CPack)
 
 # Last of all: whoever installs, and with whatever umask, everybody may read.
-install(CODE [[execute_process(COMMAND chmod -R u=rwX,go=rX "${app}" COMMAND_ERROR_IS_FATAL ANY)]]
-    ALL_COMPONENTS)
+install(CODE [[execute_process(COMMAND chmod -R u=rwX,go=rX "${app}")]] ALL_COMPONENTS)
