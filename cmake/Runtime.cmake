@@ -1,9 +1,9 @@
 # The bundle's Java runtime: the modules the service needs, linked again when those, the options or
 # the JDK changed, and at the end of an installation the CDS archive that makes its starts fast.
 
-foreach(tool java jlink jdeps jmod)
-    if(NOT EXISTS "${BUNDLE_JDK}/bin/${tool}")
-        refuse(BUNDLE_JDK "'${BUNDLE_JDK}' has no bin/${tool}; name a JDK, 11 or later")
+foreach(file bin/java bin/jlink bin/jdeps bin/jmod release)
+    if(NOT EXISTS "${BUNDLE_JDK}/${file}")
+        refuse(BUNDLE_JDK "'${BUNDLE_JDK}' has no ${file}; name a JDK, 11 or later")
     endif()
 endforeach()
 

@@ -20,15 +20,6 @@ from support import ROOT
 
 SCRIPT = ROOT / "script/sign-macos"
 SERVICE = "Contents/Library/LaunchServices/OrvaneService.app"
-USAGE = """\
-Usage: sign-macos [--dry-run] [--hardened [--notarize PROFILE]] IDENTITY [ORVANE_APP]
-IDENTITY is a certificate's name in the keychain, or - to sign for this machine only;
-ORVANE_APP is build/release/Applications/Orvane.app by default.
---dry-run           print the commands; works anywhere
---hardened          sign for the hardened runtime, which notarization requires
---notarize PROFILE  let Apple check the bundle, by the credentials that notarytool stored in the
-                    keychain as PROFILE, and staple the ticket to it
-"""
 HARDENED = (
     "The hardened runtime rejects run paths relative to the working directory: the launcher's "
     "become relative to the executable. The class path does not: the service must still be "
@@ -154,27 +145,29 @@ class SignMacos(unittest.TestCase):
                                  "Orvane.app\n"), self.sign("--dry-run", "-", self.app))
 
     def test_a_wrong_call_is_answered_with_the_right_one(self):
+        status, usage, errors = self.sign("--help")
+        self.assertEqual((0, "Usage: sign-macos [--dry-run] [--hardened [--notarize PROFILE]] IDENTITY "
+                             "[ORVANE_APP]", ""), (status, usage.splitlines()[0], errors))
         for arguments in ([], ["--dry-run"], ["--deep", "-"], ["-", self.app, "more"],
                           ["--hardened", "--notarize"]):
             with self.subTest(arguments=arguments):
-                self.assertEqual((2, "", USAGE), self.sign(*arguments))
-        self.assertEqual((0, USAGE, ""), self.sign("--help"))
+                self.assertEqual((2, "", usage), self.sign(*arguments))
 
     def test_native_code_inside_jars_is_named_before_anything_is_signed(self):
         jar = self.app / self.resources / "lib/a.jar"
         jar.parent.mkdir()
+        entries = {"mac/libnative.dylib": THIN + bytes(28), "Service.class": UNIVERSAL + b"\0\0\0\x34",
+                   "linux/libnative.so": b"\x7fELF" + bytes(28)}
         nested = io.BytesIO()
-        with zipfile.ZipFile(nested, "w") as inner:
-            inner.writestr("libnested.jnilib", UNIVERSAL + bytes.fromhex("00000002"))
-        with zipfile.ZipFile(jar, "w") as outer:
-            outer.writestr("mac/libnative.dylib", THIN + bytes(28))
-            outer.writestr("Service.class", UNIVERSAL + bytes.fromhex("00000034"))
-            outer.writestr("linux/libnative.so", b"\x7fELF" + bytes(28))
-            outer.writestr("lib/nested.jar", nested.getvalue())
+        for file in nested, jar:
+            with zipfile.ZipFile(file, "w") as archive:
+                for name, content in entries.items():
+                    archive.writestr(name, content)
+            entries["lib/nested.jar"] = nested.getvalue()
         self.assertEqual(
             (1, "", "sign-macos: the notary service would reject native code inside jars; take it "
              f"out of them, install it by BUNDLE_FRAMEWORKS, and build again: {jar}: "
-             f"lib/nested.jar: libnested.jnilib, {jar}: mac/libnative.dylib\n"),
+             f"lib/nested.jar: mac/libnative.dylib, {jar}: mac/libnative.dylib\n"),
             self.sign("--dry-run", "--hardened", "--notarize", "profile", "ID", self.app))
 
     def test_a_failed_notarization_leaves_its_log_and_no_zip(self):

@@ -97,8 +97,8 @@ class Vendor(unittest.TestCase):
         signed = self.jar("signed.jar", "/usr/share/java/x.jar", "META-INF/A.SF")
         spaced = self.jar("a name.jar")
         java = self.put("jdk/bin/java", b"#!/bin/sh\necho 'no libjvm' >&2\nexit 1\n", 0o755)
-        for tool in "jlink", "jdeps", "jmod":
-            self.put(f"jdk/bin/{tool}")
+        for name in "bin/jlink", "bin/jdeps", "bin/jmod", "release":
+            self.put(f"jdk/{name}")
         bad = self.put("bad jmods/java.base.jmod", b"no jmod")
         directory = "is not a directory; name the one to install"
         tied = "is signed, so its Class-Path cannot be changed to '{}', the jars beside it; sign it with that"
@@ -213,7 +213,7 @@ class Vendor(unittest.TestCase):
         self.installed(BUNDLE_JAR=self.jar("service.jar"), BUNDLE_RUNTIME="OFF")
         app = self.build / "Applications/Orvane.app"
         contents = self.build / "Applications" / CONTENTS
-        jar = contents / "Resources/lib" / JAR
+        jar, built = contents / "Resources/lib" / JAR, self.build / "jars" / JAR
         remedy = f"call cmake --install '{self.build}' --prefix '{app.parent}'"
         codesign = self.put("bin/codesign", mode=0o755)
         self.env["PATH"] = f"{codesign.parent}:{os.environ['PATH']}"
@@ -222,11 +222,10 @@ class Vendor(unittest.TestCase):
                 (f"'{app}' has no launcher: {remedy}",
                  lambda: (contents / "MacOS").rename(contents / "x"),
                  lambda: (contents / "x").rename(contents / "MacOS"), "true"),
-                (f"'{app}' has the jars '{JAR};other.jar', and the build '{JAR}': remove the bundle and {remedy}",
+                (f"'{app}' is not what was built last: {remedy}; diff says: Only in {jar.parent}: other.jar",
                  lambda: shutil.copy(jar, jar.parent / "other.jar"), (jar.parent / "other.jar").unlink, "true"),
-                (f"'{jar}' is not what was built last: {remedy}",
-                 lambda: jar.write_bytes(b"of another product"),
-                 lambda: shutil.copy(self.build / "jars" / JAR, jar), "true"),
+                (f"'{app}' is not what was built last: {remedy}; diff says: Files {built} and {jar} differ",
+                 lambda: jar.write_bytes(b"of another product"), lambda: shutil.copy(built, jar), "true"),
                 (f"the signature of '{contents.parent}' is not valid, says codesign (1) {contents.parent}: "
                  "not valid: sign the bundle again, or pack it on a Mac",
                  (contents / "_CodeSignature").mkdir, lambda: None, "false"),

@@ -19,33 +19,22 @@ RUN_ELSEWHERE = {"script/test", "script/cross-macos"}
 JARS = [pathlib.Path(f"/usr/share/java/{name}.jar")
         for name in ("h2", "servlet-api", "slf4j-api", "slf4j-jdk14")]
 JDK = pathlib.Path(os.environ["JAVA_HOME"])
-ADAPTER = """
-package com.vaultory.service;
-import java.sql.*;
-public class QRService {
-    public static void main(String[] args) throws Exception {
-        org.h2.tools.Server server = org.h2.tools.Server.createTcpServer("-tcpPort", "0", "-ifNotExists").start();
-        String url = "jdbc:h2:tcp://127.0.0.1:" + server.getPort() + "/mem:backup";
-        try (Connection connection = DriverManager.getConnection(url);
-             Statement statement = connection.createStatement()) {
-            statement.execute("CREATE TABLE file (id INT PRIMARY KEY, name VARCHAR)");
-            statement.execute("INSERT INTO file SELECT x, 'name ' || x FROM SYSTEM_RANGE(1, 1000)");
-            ResultSet row = statement.executeQuery("SELECT COUNT(*), '" + String.join("-", args) + "' FROM file");
-            row.next();
-            System.out.println(row.getInt(1) + " " + row.getString(2));
-        }
-        server.stop();
-        System.out.println(org.slf4j.LoggerFactory.getILoggerFactory().getClass().getName());
-        System.out.println(javax.servlet.DispatcherType.REQUEST);
+SERVICE = "package com.vaultory.service; public class QRService { public static void main(String[] args) %s }"
+ADAPTER = SERVICE % """throws Exception {
+    org.h2.tools.Server server = org.h2.tools.Server.createTcpServer("-tcpPort", "0", "-ifNotExists").start();
+    String url = "jdbc:h2:tcp://127.0.0.1:" + server.getPort() + "/mem:backup";
+    try (java.sql.Connection connection = java.sql.DriverManager.getConnection(url);
+         java.sql.Statement statement = connection.createStatement()) {
+        statement.execute("CREATE TABLE file AS SELECT x id, 'name ' || x name FROM SYSTEM_RANGE(1, 1000)");
+        java.sql.ResultSet row = statement.executeQuery(
+            "SELECT COUNT(*) || ' " + String.join("-", args) + "' FROM file");
+        row.next();
+        System.out.println(row.getString(1));
     }
-}
-"""
-WITHOUT_THE_DATABASE = """
-package com.vaultory.service;
-public class QRService {
-    public static void main(String[] args) { }
-}
-"""
+    server.stop();
+    System.out.println(org.slf4j.LoggerFactory.getILoggerFactory().getClass().getName());
+    System.out.println(javax.servlet.DispatcherType.REQUEST);
+}"""
 SAID = b"1000 one-two words\norg.slf4j.impl.JDK14LoggerFactory\nREQUEST\n"
 # What the jars refer to, directly or not, and what no class file shows.
 MODULES = [
@@ -86,7 +75,7 @@ class Commands(unittest.TestCase):
         jars = JARS if self.database else []
         for jar in jars:
             shutil.copy(jar, self.copy / "mine/lib")
-        (self.copy / "build/QRService.java").write_text(ADAPTER if jars else WITHOUT_THE_DATABASE)
+        (self.copy / "build/QRService.java").write_text(ADAPTER if jars else SERVICE % "{ }")
         for command in (
                 ["javac", "--release", "11", "-cp", ":".join(map(str, jars)), "-d", "build/classes",
                  "build/QRService.java"],
