@@ -1,17 +1,21 @@
 # What macOS expects of the bundle beyond its files: the property lists of both bundles and
-# of the launchd jobs, the manual page, and the archive.
+# of the launchd jobs, the manual page, and how it is packed.
 
-# info_plist(FOLDER NAME IDENTIFIER MORE): installs FOLDER/Info.plist. CMake escapes no XML.
-function(info_plist folder name identifier more)
+# CMake escapes no XML.
+string(REPLACE "&" "&amp;" copyright "${copyright}")
+string(REPLACE "<" "&lt;" copyright "${copyright}")
+
+# info_plist(DIRECTORY NAME IDENTIFIER MORE): installs DIRECTORY/Info.plist.
+function(info_plist directory name identifier more)
     set(file ${PROJECT_BINARY_DIR}/bundle/${name}/Info.plist)
     configure_file(${PROJECT_SOURCE_DIR}/bundle/Info.plist.in ${file} @ONLY)
-    install(FILES ${file} DESTINATION ${folder} COMPONENT launcher)
+    install(FILES ${file} DESTINATION ${directory} COMPONENT launcher)
 endfunction()
 
 # The product's application is built elsewhere and brings its own list; until it does, this
 # one names no executable, for there is none.
-info_plist(Orvane.app/Contents Orvane com.vaultory.orvane "")
-info_plist(${CONTENTS} OrvaneService com.vaultory.orvane.service "
+info_plist(Orvane.app/Contents Orvane ${identifier} "")
+info_plist(${CONTENTS} OrvaneService ${identifier}.service "
 	<key>CFBundleExecutable</key>
 	<string>OrvaneService</string>
 	<key>LSBackgroundOnly</key>
@@ -33,15 +37,24 @@ install(PROGRAMS ${PROJECT_SOURCE_DIR}/operator/make-agent
 install(FILES ${PROJECT_SOURCE_DIR}/bundle/OrvaneService.8
     DESTINATION ${CONTENTS}/Resources/man/man8 COMPONENT launcher)
 
-# The archive is of the installed bundle, and not of one installed anew: on macOS the bundle
-# is signed in between.
+# The tarball or the disk image is of the installed bundle, and not of one installed again: on macOS
+# the bundle is signed in between. pack.cmake looks at it first.
 set(CPACK_INSTALL_CMAKE_PROJECTS "")
-set(CPACK_INSTALLED_DIRECTORIES "${PROJECT_BINARY_DIR}/Applications;.")
-set(CPACK_INCLUDE_TOPLEVEL_DIRECTORY OFF)
+set(CPACK_PACKAGE_VERSION ${version})
 set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR})
+configure_file(cmake/pack.cmake.in ${PROJECT_BINARY_DIR}/pack.cmake @ONLY)
+set(CPACK_PROJECT_CONFIG_FILE ${PROJECT_BINARY_DIR}/pack.cmake)
+set(CPACK_APPLICATIONS ${PROJECT_BINARY_DIR}/Applications)
 if(CMAKE_HOST_APPLE)
     set(CPACK_GENERATOR DragNDrop)
+    set(CPACK_INSTALLED_DIRECTORIES "${CPACK_APPLICATIONS};.")
+    set(CPACK_INCLUDE_TOPLEVEL_DIRECTORY OFF)
 else()
+    # CPack's own tarball, an empty one, is replaced: it would have the owner's name in it.
     set(CPACK_GENERATOR TGZ)
+    set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/tarball.cmake)
 endif()
 include(CPack)
+
+# Last of all: whoever installs, and with whatever umask, everybody may read.
+install(CODE [[execute_process(COMMAND chmod -R u=rwX,go=rX "${app}")]] ALL_COMPONENTS)

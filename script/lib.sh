@@ -12,7 +12,8 @@ die() { say "$(basename "$0"): $*"; exit 1; }
 step() {
     local text=$1 log start=$SECONDS status=0
     shift
-    mkdir -p build/log
+    { mkdir -p build/log 2>/dev/null && [ -w build/log ]; } ||
+        die "cannot write to $PWD/build; make it writable, or call from a copy of the checkout that is"
     log=build/log/$(printf '%s' "$text" | tr -cs 'A-Za-z0-9' -).log
     "$@" >"$log" 2>&1 </dev/null || status=$?
     if [ $status -ne 0 ]; then
@@ -60,7 +61,8 @@ need_build_tools() {
 need_test_tools() {
     [ "$(uname)" = Darwin ] || need bwrap:bubblewrap strace:strace readelf:binutils \
         /usr/lib/python3/dist-packages/yaml/__init__.py:python3-yaml \
-        /usr/share/java/hsqldb.jar:libhsqldb-java \
+        /usr/share/java/h2.jar:libh2-java /usr/share/java/slf4j-api.jar:libslf4j-java \
+        /usr/share/java/servlet-api.jar:libservlet-api-java \
         /usr/include/gtest/gtest.h:libgtest-dev
 }
 
@@ -77,9 +79,9 @@ build() {
     step "Building $1" cmake --build --preset "$1"
 }
 
-# pack PRESET: installs what was built and makes the archive of it.
+# pack DIRECTORY: installs and packs what was built there.
 pack() {
-    rm -rf "build/$1/Applications"
-    step "Installing $1" cmake --install "build/$1" --prefix "$PWD/build/$1/Applications"
-    step "Packing $1" cpack --preset "$1"
+    rm -rf "$1/Applications"
+    step "Installing $1" cmake --install "$1" --prefix "$1/Applications"
+    step "Packing $1" cpack --config "$1/CPackConfig.cmake"
 }

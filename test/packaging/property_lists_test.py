@@ -4,7 +4,6 @@ import os
 import pathlib
 import plistlib
 import re
-import stat
 import subprocess
 import unittest
 
@@ -13,6 +12,7 @@ from support import ROOT, VERSION
 OUTER = pathlib.Path(os.environ["BUILD_DIR"]) / "Applications/Orvane.app/Contents"
 SERVICE = "Library/LaunchServices/OrvaneService.app/Contents"
 LAUNCHD = OUTER / SERVICE / "Resources/launchd"
+ENTITLEMENTS = ["allow-jit", "allow-unsigned-executable-memory", "disable-library-validation"]
 
 
 def info(**more):
@@ -32,6 +32,7 @@ def info(**more):
 def job(label, home, *arguments):
     folder = f"{home}/Applications/Orvane.app/Contents/{SERVICE}/MacOS"
     return {
+        "AssociatedBundleIdentifiers": "com.vaultory.orvane",
         "Label": label,
         "ProgramArguments": [folder + "/OrvaneService", *arguments],
         "WorkingDirectory": folder,
@@ -66,15 +67,13 @@ class PropertyLists(unittest.TestCase):
         self.assertEqual(info(CFBundleName="Orvane", CFBundleIdentifier="com.vaultory.orvane"),
                          plistlib.loads((OUTER / "Info.plist").read_bytes()))
 
-    def test_the_entitlements_are_the_three_and_plain_text(self):
-        text = (ROOT / "bundle/OrvaneService.entitlements").read_bytes()
-        self.assertEqual({
-            "com.apple.security.cs.allow-jit": True,
-            "com.apple.security.cs.allow-unsigned-executable-memory": True,
-            "com.apple.security.cs.disable-library-validation": True,
-        }, plistlib.loads(text))
-        self.assertTrue(text.startswith(b"<?xml "))
-        self.assertEqual([], [mark for mark in (b"\r", b"<!--") if mark in text])
+    def test_the_entitlements_are_the_launcher_s_three_and_java_s_two_and_plain_text(self):
+        for name, expected in (("OrvaneService", ENTITLEMENTS), ("java", ENTITLEMENTS[:2])):
+            text = (ROOT / f"bundle/{name}.entitlements").read_bytes()
+            self.assertEqual({f"com.apple.security.cs.{what}": True for what in expected},
+                             plistlib.loads(text))
+            self.assertTrue(text.startswith(b"<?xml "))
+            self.assertEqual([], [mark for mark in (b"\r", b"<!--") if mark in text])
 
     def test_the_daemon_runs_the_system_wide_installation(self):
         self.assertEqual(job("com.vaultory.service", ""),
@@ -99,10 +98,3 @@ class PropertyLists(unittest.TestCase):
                 self.assertEqual(
                     (1, b"", f"make-agent: '{named}' is no home folder; "
                              "call make-agent /Users/NAME\n"), self.make_agent(*arguments))
-
-    def test_only_the_owner_may_write_what_launchd_is_given(self):
-        self.assertEqual({
-            "com.vaultory.service.agent.plist.in": "-rw-r--r--",
-            "com.vaultory.service.plist": "-rw-r--r--",
-            "make-agent": "-rwxr-xr-x",
-        }, {file.name: stat.filemode(file.stat().st_mode) for file in LAUNCHD.iterdir()})

@@ -1,4 +1,4 @@
-"""The archive of the bundle that BUILD_DIR makes: the release's here, and the macOS one when
+"""The tarball of the bundle that BUILD_DIR makes: the release's here, and the macOS one when
 script/cross-macos calls."""
 
 import os
@@ -10,43 +10,16 @@ import tempfile
 import unittest
 
 from support import CONTENTS
+from tree_test import LAUNCHER, PRODUCT, SERVICE
 
 BUILD = pathlib.Path(os.environ["BUILD_DIR"])
 EXECUTABLE = CONTENTS + "/MacOS/OrvaneService"
+JAR = CONTENTS + "/Resources/lib/com.vaultory.desktop.jar"
 RUNTIME = CONTENTS + "/Resources/jre"
-LISTING = f"""\
-Orvane.app/
-Orvane.app/Contents/
-Orvane.app/Contents/Info.plist
-Orvane.app/Contents/Library/
-Orvane.app/Contents/Library/LaunchServices/
-Orvane.app/Contents/Library/LaunchServices/OrvaneService.app/
-{CONTENTS}/
-{CONTENTS}/Frameworks/
-{CONTENTS}/Info.plist
-{CONTENTS}/MacOS/
-{CONTENTS}/MacOS/OrvaneService*
-{CONTENTS}/Resources/
-{CONTENTS}/Resources/bin/
-{CONTENTS}/Resources/bin/service-version*
-{CONTENTS}/Resources/conf/
-{CONTENTS}/Resources/conf/service.log.xml
-{CONTENTS}/Resources/lang/
-{CONTENTS}/Resources/lang/messages.properties
-{CONTENTS}/Resources/launchd/
-{CONTENTS}/Resources/launchd/com.vaultory.service.agent.plist.in
-{CONTENTS}/Resources/launchd/com.vaultory.service.plist
-{CONTENTS}/Resources/launchd/make-agent*
-{CONTENTS}/Resources/lib/
-{CONTENTS}/Resources/lib/com.vaultory.desktop.jar
-{CONTENTS}/Resources/man/
-{CONTENTS}/Resources/man/man8/
-{CONTENTS}/Resources/man/man8/OrvaneService.8
-"""
 
 
-@unittest.skipIf(os.uname().sysname == "Darwin", "a disk image there, not a tar archive")
-class Archive(unittest.TestCase):
+@unittest.skipIf(os.uname().sysname == "Darwin", "a disk image there")
+class Tarball(unittest.TestCase):
     def setUp(self):
         folder = tempfile.TemporaryDirectory(dir=BUILD)
         self.addCleanup(folder.cleanup)
@@ -60,31 +33,23 @@ class Archive(unittest.TestCase):
     def cached(self, variable):
         return re.search(rf"^{variable}:\w+=(.*)$", self.cache, re.MULTILINE).group(1)
 
-    def test_the_archive_is_the_installed_bundle(self):
+    def test_the_tarball_is_the_installed_bundle_and_belongs_to_root(self):
         system = "Darwin" if "toolchain/toolchain.cmake" in self.cache else "Linux"
         self.assertEqual([f"Orvane-{self.cached('CMAKE_PROJECT_VERSION')}-{system}.tar.gz"],
                          self.names)
-        listing, runtime = [], set()
-        for member in self.archive.getmembers():
-            name = member.name
-            if name == RUNTIME or name.startswith(RUNTIME + "/"):
-                runtime.add(name)
-            else:
-                kind = "/" if member.isdir() else "*" if member.mode & 0o111 else ""
-                listing.append(name + kind)
-        self.assertEqual(LISTING, "".join(f"{line}\n" for line in sorted(
-            listing, key=lambda line: line.rstrip("*/"))))
-        self.assertEqual(self.cached("BUNDLE_RUNTIME") == "ON",
-                         RUNTIME + "/lib/server/libjvm.so" in runtime)
-        self.assertEqual(self.cached("BUNDLE_RUNTIME") == "ON", bool(runtime))
+        members = {member.name + "/" * member.isdir(): member for member in self.archive.getmembers()}
+        with_runtime = self.cached("BUNDLE_RUNTIME") == "ON"
+        expected = PRODUCT + [f"{CONTENTS}/{line}" for line in LAUNCHER + SERVICE
+                              if with_runtime or "jre" not in line]
+        self.assertEqual(sorted(expected), sorted(
+            f"{name} {member.mode:o}" for name, member in members.items()
+            if name == RUNTIME + "/" or not name.startswith(RUNTIME)))
+        self.assertEqual(with_runtime, RUNTIME + "/lib/server/libjvm.so" in members)
+        self.assertEqual({(0, 0, "root", "root")}, {
+            (member.uid, member.gid, member.uname, member.gname) for member in members.values()})
+        self.assertLessEqual({f"{member.mode:o}" for member in members.values()},
+                             {"644", "755", "777"})
         self.assertEqual((BUILD / "src/OrvaneService").read_bytes(),
                          self.archive.extractfile(EXECUTABLE).read())
-        jar = CONTENTS + "/Resources/lib/com.vaultory.desktop.jar"
-        self.assertEqual(int((BUILD / "Applications" / jar).stat().st_mtime),
-                         self.archive.getmember(jar).mtime, "class data are for a jar of that time")
-        outside = [member for member in self.archive.getmembers()
-                   if not member.name.startswith(RUNTIME + "/")]
-        self.assertEqual([], [member.name for member in outside if member.mode & 0o022],
-                         "writable by the group or by others")
-        self.assertEqual(1, len({member.mode for member in outside if member.isdir()}),
-                         "a folder that is less open than the others")
+        self.assertEqual(int((BUILD / "Applications" / JAR).stat().st_mtime), members[JAR].mtime,
+                         "the CDS archive is for a jar of that time")

@@ -37,6 +37,15 @@ SERVICE = [
     "Resources/lib/ 755",
     "Resources/lib/com.vaultory.desktop.jar 644",
 ]
+PRODUCT = [
+    "Orvane.app/ 755",
+    "Orvane.app/Contents/ 755",
+    "Orvane.app/Contents/Info.plist 644",
+    "Orvane.app/Contents/Library/ 755",
+    "Orvane.app/Contents/Library/LaunchServices/ 755",
+    "Orvane.app/Contents/Library/LaunchServices/OrvaneService.app/ 755",
+    f"{CONTENTS}/ 755",
+]
 
 
 class TreeTest(unittest.TestCase):
@@ -46,25 +55,17 @@ class TreeTest(unittest.TestCase):
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="install-", dir=BUILD_DIR))
         self.addCleanup(shutil.rmtree, self.folder)
 
-    def install(self, *arguments, **environment):
+    def install(self, *arguments, umask=0o022, **environment):
         """Installs the build tree and returns what it said on standard error."""
         return subprocess.run(["cmake", "--install", BUILD_DIR, *arguments], check=True,
                               env={**os.environ, **environment}, stdout=subprocess.DEVNULL,
-                              stderr=subprocess.PIPE, umask=0o022).stderr
+                              stderr=subprocess.PIPE, umask=umask).stderr
 
     def test_the_service_s_bundle_has_these_files_around_its_runtime(self):
         self.assertEqual(listing(APPLICATIONS / CONTENTS), sorted(LAUNCHER + SERVICE))
 
     def test_the_product_s_bundle_holds_nothing_else(self):
-        self.assertEqual(listing(APPLICATIONS, leave_out=CONTENTS + "/"), [
-            "Orvane.app/ 755",
-            "Orvane.app/Contents/ 755",
-            "Orvane.app/Contents/Info.plist 644",
-            "Orvane.app/Contents/Library/ 755",
-            "Orvane.app/Contents/Library/LaunchServices/ 755",
-            "Orvane.app/Contents/Library/LaunchServices/OrvaneService.app/ 755",
-            f"{CONTENTS}/ 755",
-        ])
+        self.assertEqual(listing(APPLICATIONS, leave_out=CONTENTS + "/"), PRODUCT)
 
     def test_the_launcher_is_a_component_of_its_own(self):
         self.assertEqual(self.install("--prefix", self.folder, "--component", "launcher"), b"")
@@ -75,6 +76,24 @@ class TreeTest(unittest.TestCase):
         staged = self.folder / "Applications" / CONTENTS
         self.assertEqual(listing(staged), sorted(LAUNCHER + SERVICE))
         self.assertTrue((staged / "Resources" / CLASS_DATA).is_file())
+
+    def test_the_modes_do_not_depend_on_who_installs(self):
+        self.install("--prefix", self.folder / "private", umask=0o077)
+        self.install("--prefix", self.folder / "shared", umask=0o002)
+        self.assertEqual(*(listing(self.folder / name / "Orvane.app", leave_out="-")
+                           for name in ("private", "shared")))
+        self.assertEqual(listing(self.folder / "private" / CONTENTS), sorted(LAUNCHER + SERVICE))
+
+    def test_an_installation_over_a_signed_bundle_takes_its_signature_off(self):
+        signatures = [self.folder / "Orvane.app/Contents/_CodeSignature/CodeResources",
+                      self.folder / "Orvane.app/Contents/CodeResources",
+                      self.folder / CONTENTS / "_CodeSignature/CodeResources"]
+        for file in signatures:
+            file.parent.mkdir(parents=True, exist_ok=True)
+            file.touch()
+        self.install("--prefix", self.folder, "--component", "launcher")
+        self.assertEqual(listing(self.folder, leave_out=CONTENTS + "/"), PRODUCT)
+        self.assertEqual(listing(self.folder / CONTENTS), LAUNCHER)
 
     def test_a_second_installation_replaces_nothing(self):
         self.install("--prefix", self.folder)
