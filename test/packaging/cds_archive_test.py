@@ -183,7 +183,7 @@ class CdsArchiveTest(unittest.TestCase):
             children = pathlib.Path(f"/proc/{script.pid}/task/{script.pid}/children")
             deadline = time.monotonic() + 60
             while not (services := [child for child in children.read_text().split()
-                                    if "OrvaneService" in command_of(child)]):
+                                    if "QRService\0stay" in command_of(child)]):
                 self.assertLess(time.monotonic(), deadline)
                 time.sleep(0.01)
             script.send_signal(signal.SIGTERM)
