@@ -1,5 +1,5 @@
-"""Measures the launcher beside its peers and writes the report. Called by script/bench, in a
-root where the sample's bundle lies in /Applications, and /Library and /bench are empty."""
+"""Measures the launcher beside its peers and writes REPORT.md and chart.svg. Called by script/bench
+in a root where the sample's bundle lies in /Applications, and /Library and /bench are empty."""
 
 import os
 import pathlib
@@ -7,37 +7,32 @@ import random
 import re
 import shutil
 import statistics
-import struct
 import subprocess
 import sys
 import time
 
-import report
-import variants
-
 SOURCE = pathlib.Path(__file__).parents[1]
 sys.path.insert(0, str(SOURCE / "test"))
-from support import CONTENTS, macho  # noqa: E402: it lies with the tests
+from support import CONTENTS  # noqa: E402: it lies with the tests
 
-BUILD = SOURCE / "build/release"
-WORK = pathlib.Path("/bench")
-HERE = SOURCE / "bench"
+HERE, WORK = SOURCE / "bench", pathlib.Path("/bench")
 BUNDLE = pathlib.Path("/Applications", CONTENTS)
 OVERRIDE_FILE = pathlib.Path("/Library/Application Support/Quillrest/conf/jvm_args")
 SERVICE = "com.vaultory.service.QRService"
-CLASS_PATH = "../Resources/lib/com.vaultory.desktop.jar:../Resources/lang"
-OPTIONS = (SOURCE / "test/support/default_options.txt").read_text().replace("{home}", "")
-OPTIONS = OPTIONS.splitlines()
+JAR, LANG = "../Resources/lib/com.vaultory.desktop.jar", "../Resources/lang"
+OPTIONS = (SOURCE / "test/support/default_options.txt").read_text().replace("{home}", "").splitlines()
+DAEMON = "/usr/share/java/commons-daemon.jar"
 
-WARM_UP, FLOOR_ROUNDS, ROUNDS, HEAVY_ROUNDS, LINE_ROUNDS = 2, 150, 80, 40, 30
-COUNTS = [1000, 10_000, 100_000, 1_000_000]
-ARGUMENT_COUNTS = [10, 100, 1000, 10_000, 100_000]
-LINES = {8: "-Xmx512m", 28: "-Dorv.security.mode=12345678"}
+WARM_UP, FEW = 2, 8
+ROUNDS, READY_ROUNDS, COUNT_ROUNDS = (100, 110), (40, 100), (15, 30)  # at most, in that many seconds
+COUNTS = [10_000, 100_000, 1_000_000]
+WHAT = {"wall": "wall time", "cpu": "CPU", "memory": "peak memory"}
 random.seed(4)  # of the order in each round
+began = time.monotonic()
 
 
 def say(text):
-    print(text, file=sys.stderr, flush=True)
+    print(f"{time.monotonic() - began:4.0f} s: {text}", file=sys.stderr, flush=True)
 
 
 def run(*command, cwd=None, env=None):
@@ -45,26 +40,18 @@ def run(*command, cwd=None, env=None):
     done = subprocess.run([*map(str, command)], cwd=cwd, env=env, text=True,
                           stdin=subprocess.DEVNULL, capture_output=True)
     if done.returncode != 0:
-        raise SystemExit(f"{command}: status {done.returncode}\n{done.stdout}{done.stderr}")
+        said = "\n".join((done.stdout + done.stderr).splitlines()[-20:])
+        raise SystemExit(f"{said}\nbench: {' '.join(map(str, command))}: status {done.returncode}, see above")
     return done.stdout + done.stderr
 
 
-def cached(name):
-    """What the build was configured with."""
-    return re.search(f"^{name}:[A-Z]+=(.*)$", (BUILD / "CMakeCache.txt").read_text(), re.M)[1]
-
-
-JDK = pathlib.Path(cached("BUNDLE_JDK"))
-
-
 class Command:
-    """What is measured: its words, its folder, and how the report prints it; with a text, only
-    until that appears on its standard output; with a file, that is the override file; with an
-    environment, in that besides this process's own."""
+    """What is measured: its words and its directory; with a text, only until that appears on its
+    standard output; with a file, that is the override file."""
 
-    def __init__(self, words, cwd, shown="", until="", file=None, env=None):
-        self.words, self.cwd, self.shown = [*map(str, words)], cwd, shown
-        self.until, self.file, self.env = until, file, {**os.environ, **(env or {})}
+    def __init__(self, words, cwd, until="", file=None, env=None):
+        self.words, self.cwd, self.until, self.file = [*map(str, words)], cwd, until, file
+        self.env = {**os.environ, **(env or {})}
 
     def measure(self):
         """{wall: s, cpu: s, memory: bytes} of one run."""
@@ -75,142 +62,175 @@ class Command:
                               env=self.env, capture_output=True, text=True)
         wall, cpu, memory, status = map(int, done.stdout.split())
         if status != 0 or wall <= 0:
-            raise SystemExit(f"{self.words[:9]}: status {status}")
+            raise SystemExit(f"bench: {' '.join(self.words[:9])}: status {status}; it has to succeed")
         return {"wall": wall / 1e9, "cpu": cpu / 1e6, "memory": memory * 1024}
 
-    def classes(self):
-        """How many classes a run loads, and how many of them from class data."""
+    def archived(self):
+        """The share of the classes a run loads that come from an archive, in percent."""
         log = WORK / "classes.log"
         run(*self.words, cwd=self.cwd,
             env={**self.env, "JAVA_TOOL_OPTIONS": f"-Xlog:class+load:file={log}:none"})
         lines = log.read_text().splitlines()
-        return len(lines), sum("shared objects file" in line for line in lines)
+        return 100 * sum("shared objects file" in line for line in lines) / len(lines)
 
 
-def interleaved(commands, rounds, repeat=None):
-    """{name: [a run of each round]}: all of them once a round, in random order; those in
-    repeat so many times, of which the round keeps the median."""
-    found = {name: [] for name in commands}
-    for number in range(WARM_UP + rounds):
-        for name in random.sample(list(commands), len(commands)):
-            runs = [commands[name].measure() for _ in range((repeat or {}).get(name, 1))]
-            if number >= WARM_UP:
-                found[name].append({what: statistics.median(one[what] for one in runs)
-                                    for what in runs[0]})
-    return found
+class Race:
+    """Runs of several commands: all of them once a round, in random order; as many rounds as the
+    time allows, but no fewer than FEW. The command named by twin runs twice; what that comes to
+    beside itself is the noise of the race."""
+
+    def __init__(self, commands, limits, twin=None):
+        rounds, seconds = limits
+        deadline = time.monotonic() + seconds
+        self.runs = {name: [] for name in [*commands, *(["twin"] if twin else [])]}
+        for number in range(WARM_UP + rounds):
+            if number >= WARM_UP + FEW and time.monotonic() > deadline:
+                break
+            for name in random.sample(list(self.runs), len(self.runs)):
+                figures = commands[twin if name == "twin" else name].measure()
+                if number >= WARM_UP:
+                    self.runs[name].append(figures)
+        self.rounds = len(self.runs[next(iter(commands))])
+        self.noise = {what: self.spread(twin, what) for what in WHAT} if twin else {}
+
+    def ratios(self, name, other, what):
+        return [a[what] / b[what] for a, b in zip(self.runs[name], self.runs[other])]
+
+    def ratio(self, other, what, ours="ours"):
+        return statistics.median(self.ratios(ours, other, what))
+
+    def median(self, name, what):
+        return statistics.median(figures[what] for figures in self.runs[name])
+
+    def spread(self, twin, what):
+        """How far from 1 the median ratio of the same program twice may lie, in 95 of 100 draws."""
+        ratios = self.ratios("twin", twin, what)
+        draws = sorted(abs(statistics.median(random.choices(ratios, k=len(ratios))) - 1)
+                       for _ in range(1000))
+        return draws[950]
 
 
-def ratios(ours, others):
-    """{wall, cpu, memory: (median, minimum) of the rounds' ratios}"""
-    return {what: spread([a[what] / b[what] for a, b in zip(ours, others)])
-            for what in ("wall", "cpu", "memory")}
-
-
-def spread(values):
-    return statistics.median(values), min(values)
-
-
-def prepare():
+def prepare(jdk):
     """Builds what is measured beside the installed bundle."""
-    say("Building what is measured beside it")
-    include = ["-I", JDK / "include", "-I", JDK / "include/linux"]
-    native = HERE / "native"
+    include = ["-I", jdk / "include", "-I", jdk / "include/linux"]
     (WORK / "options.h").write_text("".join(f'{{"{option}", NULL}},\n' for option in OPTIONS))
     idle = WORK / "idle/Resources/jre/lib/server/libjvm.so"
     idle.parent.mkdir(parents=True)
     (WORK / "idle/MacOS").mkdir()
     shutil.copy(BUNDLE / "MacOS/OrvaneService", WORK / "idle/MacOS")
-    run("cc", "-O2", "-s", "-o", WORK / "measure", native / "measure.c")
-    run("cc", "-O2", "-s", "-o", WORK / "empty", native / "empty.c")
-    run("c++", "-O3", "-s", "-static-libstdc++", "-o", WORK / "getline", native / "getline.cpp")
-    run("cc", "-O2", "-s", *include, "-I", WORK, "-o", WORK / "floor", native / "floor.c",
-        "-Wl,-rpath,../Resources/jre/lib/server:../Resources/jre/lib/jli",
-        JDK / "lib/server/libjvm.so")
-    run("cc", "-O2", "-s", "-shared", "-fPIC", *include, "-o", idle, native / "idle_runtime.c",
+    compile_c = ["cc", "-O2", "-s", *include, "-I", WORK, "-o"]
+    run(*compile_c, WORK / "measure", HERE / "native/measure.c")
+    run(*compile_c, WORK / "floor", HERE / "native/floor.c",
+        "-Wl,-rpath,../Resources/jre/lib/server:../Resources/jre/lib/jli", jdk / "lib/server/libjvm.so")
+    run(*compile_c, idle, "-shared", "-fPIC", HERE / "native/idle_runtime.c",
         f"-Wl,--version-script={SOURCE / 'test/runtime/libjvm.map'}")
-
-    jar = BUNDLE / "Resources/lib/com.vaultory.desktop.jar"
-    run(JDK / "bin/javac", "-d", WORK / "jsvc", "-cp",
-        f"{jar}:/usr/share/java/commons-daemon.jar", HERE / "java/jsvc/JsvcService.java")
-    say("Building jpackage's application, and its class data")
-    peer = prepare_peer(jar)
-    say("Building the bundle of a service with some 2,000 classes")
-    return peer, prepare_heavy()
+    run(jdk / "bin/javac", "-d", WORK / "jsvc", "-cp", f"{BUNDLE / 'MacOS' / JAR}:{DAEMON}",
+        HERE / "java/JsvcService.java")
 
 
-def prepare_peer(jar):
-    """jpackage's application around the bundle's own runtime, with class data made in the way
-    that ours are."""
-    (WORK / "peer-input").mkdir()
-    shutil.copy2(jar, WORK / "peer-input/service.jar")
-    run(JDK / "bin/jpackage", "--type", "app-image", "--name", "peer", "--dest", WORK,
-        "--input", WORK / "peer-input", "--main-jar", "service.jar", "--main-class", SERVICE,
-        "--runtime-image", BUNDLE / "Resources/jre",
-        *(word for option in OPTIONS for word in ("--java-options", f'"{option}"')))
-    peer = WORK / "peer"
-    runtime = peer / "lib/runtime"
-    listed, every = WORK / "peer.classes", WORK / "peer.all"
-    data = runtime / "lib/server/classes.jsa"
-    data.unlink(missing_ok=True)
-    run(peer / "bin/peer", "hello", env={
-        "PATH": "/nonexistent",
-        "JAVA_TOOL_OPTIONS": f"-Xshare:off -XX:DumpLoadedClassList='{listed}'"})
-    every.write_text((runtime / "lib/classlist").read_text() + listed.read_text())
-    run(runtime / "bin/java", "-Xshare:dump", "-XX:+UseG1GC", f"-XX:SharedClassListFile={every}",
-        f"-XX:SharedArchiveFile={data}", "-cp", peer / "lib/app/service.jar")
-    return peer
-
-
-def prepare_heavy():
-    """The class-heavy service in a bundle made by the documented variables."""
-    folder = WORK / "heavy"
+def build_heavy(jdk):
+    """The class-heavy service in a bundle made by the documented variables; its Contents."""
+    folder = WORK / f"heavy-{jdk.name}"
     folder.mkdir()
-    jar = folder / "heavy.jar"
-    shutil.copy("/usr/share/java/hsqldb.jar", jar)
-    run(JDK / "bin/javac", "-d", folder / "classes", "-cp", jar,
-        HERE / "java/heavy/com/vaultory/service/QRService.java")
-    run(JDK / "bin/jar", "uf", jar, "-C", folder / "classes", ".")
+    jar = shutil.copy("/usr/share/java/hsqldb.jar", folder / "heavy.jar")
+    run(jdk / "bin/javac", "-d", folder / "classes", "-cp", jar, HERE / "java/QRService.java")
+    run(jdk / "bin/jar", "uf", jar, "-C", folder / "classes", ".")
     run("cmake", "--preset", "release", "-B", folder / "build", f"-DBUNDLE_JAR={jar}",
-        f"-DBUNDLE_JDK={JDK}", "-DBUILD_TESTING=OFF", cwd=SOURCE,
-        env={**os.environ, "JAVA_HOME": str(JDK)})
+        f"-DBUNDLE_JDK={jdk}", "-DBUILD_TESTING=OFF", cwd=SOURCE, env={**os.environ, "JAVA_HOME": str(jdk)})
     run("cmake", "--build", folder / "build")
     run("cmake", "--install", folder / "build", "--prefix", folder / "Applications")
     return folder / "Applications" / CONTENTS
 
 
-def hosts(peer):
+def archive_by_hand(java, cwd, class_path, target, *arguments):
+    """The best archive that the JDK's own tools make for an option; the option."""
+    options = ["-XX:+UseG1GC", *OPTIONS, "-cp", class_path]
+    if "AOTCache" in run(java, "-XX:+PrintFlagsFinal", "-version"):
+        run(java, "-XX:AOTMode=record", f"-XX:AOTConfiguration={target}.conf", *options, SERVICE,
+            *arguments, cwd=cwd)
+        run(java, "-XX:AOTMode=create", f"-XX:AOTConfiguration={target}.conf",
+            f"-XX:AOTCache={target}", *options, cwd=cwd)
+        return "-XX:AOTCache="
+    run(java, "-Xshare:off", f"-XX:DumpLoadedClassList={target}.list", *options, SERVICE, *arguments,
+        cwd=cwd)
+    run(java, "-Xshare:dump", f"-XX:SharedClassListFile={target}.list",
+        f"-XX:SharedArchiveFile={target}", *options, cwd=cwd)
+    return "-XX:SharedArchiveFile="
+
+
+def build_peer(jdk, contents, *arguments):
+    """jpackage's application around a bundle's runtime, with such an archive; its program."""
+    place = WORK / f"peer-{len(list(WORK.glob('peer-*')))}"
+    jar = contents / "Resources/lib" / pathlib.Path(JAR).name
+    runtime = shutil.copytree(contents / "Resources/jre", place / "runtime", symlinks=True)
+    (runtime / "lib/server/classes.jsa").unlink()
+    (place / "input").mkdir()
+    shutil.copy2(jar, place / "input/service.jar")
+    option = archive_by_hand(runtime / "bin/java", place, place / "input/service.jar",
+                             place / "trial", *arguments)
+    run(jdk / "bin/jpackage", "--type", "app-image", "--name", "peer", "--dest", place, "--input",
+        place / "input", "--main-jar", "service.jar", "--main-class", SERVICE, "--runtime-image",
+        runtime, *(word for line in [*OPTIONS, f"{option}$APPDIR/app.cache"]
+                   for word in ("--java-options", f'"{line}"')))
+    app = place / "peer/lib/app"
+    archive_by_hand(place / "peer/lib/runtime/bin/java", place, app / "service.jar",
+                    app / "app.cache", *arguments)
+    return place / "peer/bin/peer"
+
+
+def hosts(jdk):
     """{name: Command} of what can host the sample service in the same runtime image."""
-    folder = BUNDLE / "MacOS"
-    java = BUNDLE / "Resources/jre"
-    daemon = "/usr/share/java/commons-daemon.jar"
-    jsvc = ["/usr/bin/jsvc", "-home", java, "-nodetach", "-pidfile", WORK / "jsvc.pid", "-cwd",
-            folder, "-outfile", "&1", "-errfile", "&2", *OPTIONS]
-    jsvc_shown = ("/usr/bin/jsvc -home $BUNDLE/Resources/jre -nodetach -pidfile $WORK/jsvc.pid "
-                  "-cwd $BUNDLE/MacOS -outfile '&1' -errfile '&2' $OPTIONS")
+    cwd, java = BUNDLE / "MacOS", BUNDLE / "Resources/jre"
     return {
-        "ours": Command(["./OrvaneService", "hello"], folder, "./OrvaneService hello"),
-        "floor": Command([WORK / "floor", "hello"], folder, "$WORK/floor hello"),
-        "java": Command([java / "bin/java", *OPTIONS, "-cp", CLASS_PATH, SERVICE, "hello"], folder,
-                        f"../Resources/jre/bin/java $OPTIONS -cp {CLASS_PATH} {SERVICE} hello"),
-        "jpackage": Command([peer / "bin/peer", "hello"], folder,
-                            "PATH=/nonexistent $WORK/peer/bin/peer hello",
-                            env={"PATH": "/nonexistent"}),
+        "ours": Command(["./OrvaneService", "hello"], cwd),
+        "a bare C host": Command([WORK / "floor", "hello"], cwd),
+        "`java`": Command([java / "bin/java", *OPTIONS, "-cp", f"{JAR}:{LANG}", SERVICE, "hello"], cwd),
+        "jpackage's launcher": Command([build_peer(jdk, BUNDLE, "hello"), "hello"], cwd,
+                                       env={"PATH": "/nonexistent"}),
         "jsvc": Command(
-            [*jsvc, "-cp", f"{daemon}:{CLASS_PATH}:{WORK / 'jsvc'}", "JsvcService", "hello"],
-            folder, f"{jsvc_shown} -cp {daemon}:{CLASS_PATH}:$WORK/jsvc JsvcService hello"),
-        "jsvc-data": Command(
-            [*jsvc, "-cp", f"{CLASS_PATH}:{daemon}:{WORK / 'jsvc'}", "JsvcService", "hello"],
-            folder, f"{jsvc_shown} -cp {CLASS_PATH}:{daemon}:$WORK/jsvc JsvcService hello"),
+            ["/usr/bin/jsvc", "-home", java, "-nodetach", "-pidfile", WORK / "jsvc.pid", "-cwd", cwd,
+             "-outfile", "&1", "-errfile", "&2", *OPTIONS, "-cp",
+             f"{DAEMON}:{JAR}:{LANG}:{WORK / 'jsvc'}", "JsvcService", "hello"], cwd),
     }
 
 
-def heavy_hosts(heavy):
+def ready_hosts(jdk):
+    """The same of the class-heavy service, each until it says that it is ready."""
+    contents = build_heavy(jdk)
+    cwd, java = contents / "MacOS", contents / "Resources/jre/bin/java"
+    cache = WORK / f"hand-{jdk.name}"
+    hand = archive_by_hand(java, cwd, JAR, cache) + str(cache)
+    words = [*OPTIONS, "-cp", f"{JAR}:{LANG}", SERVICE]
     return {
-        "ours": Command(["./OrvaneService"], heavy / "MacOS", "./OrvaneService", "ready\n"),
-        "stock": Command([JDK / "bin/java", *OPTIONS, "-cp", CLASS_PATH, SERVICE],
-                         heavy / "MacOS", f"$JDK/bin/java $OPTIONS -cp {CLASS_PATH} {SERVICE}",
-                         "ready\n"),
+        "ours": Command(["./OrvaneService"], cwd, "ready\n"),
+        "stock JDK": Command([jdk / "bin/java", *words], cwd, "ready\n"),
+        "same runtime, `java`": Command([java, *words], cwd, "ready\n"),
+        "same runtime, `java`, best by hand": Command([java, hand, *words], cwd, "ready\n"),
+        "jpackage, best archive": Command([build_peer(jdk, contents)], cwd, "ready\n",
+                                          env={"PATH": "/nonexistent"}),
     }
+
+
+def growth():
+    """{kind: {count: (ns, bytes) of one item}}, over a run without any."""
+    kinds = {"lines of 8 bytes": "-Xmx512m", "lines of 28 bytes": "-Dorv.security.mode=12345678",
+             "arguments of 8 bytes": None}
+    found = {}
+    for kind, line in kinds.items():
+        commands = {}
+        for count in [0, *(COUNTS if line else [1000, 10_000, 100_000])]:
+            file = WORK / f"lines-{count}" if line and count else None
+            if file:
+                file.write_text((line + "\n") * count)
+            arguments = [] if line else (f"arg{number:05}" for number in range(count))
+            commands[count] = Command(["./OrvaneService", *arguments], WORK / "idle/MacOS", file=file)
+        race = Race(commands, COUNT_ROUNDS)
+        found[kind] = {
+            count: tuple(statistics.median((a[what] - b[what]) / count * scale
+                                           for a, b in zip(race.runs[count], race.runs[0]))
+                         for what, scale in (("wall", 1e9), ("memory", 1)))
+            for count in commands if count}
+    return found
 
 
 def instructions(program, cwd):
@@ -220,153 +240,154 @@ def instructions(program, cwd):
     return int(re.search(r"Collected : (\d+)", said)[1])
 
 
-def per_item(runs, none, count):
-    """What one of count items costs, over a run with none of them, round by round."""
-    return {
-        "wall": statistics.median((a["wall"] - b["wall"]) / count for a, b in zip(runs, none)),
-        "cpu": statistics.median((a["cpu"] - b["cpu"]) / count for a, b in zip(runs, none)),
-        "least": min((a["wall"] - b["wall"]) / count for a, b in zip(runs, none)),
-        "memory": statistics.median((a["memory"] - b["memory"]) / count
-                                    for a, b in zip(runs, none)),
-    }
+def table(head, rows):
+    return "".join("| " + " | ".join(map(str, row)) + " |\n" for row in [head, ["---"] * len(head), *rows])
 
 
-def resident(command):
-    """Bytes of the executable's file that a run has in memory once main has begun."""
-    with subprocess.Popen([command.words[0], "stay"], cwd=command.cwd,
-                          stdout=subprocess.PIPE) as process:
-        while process.stdout.readline() != b"Starting service.\n":
-            pass
-        process.stdout.readline()
-        maps = pathlib.Path(f"/proc/{process.pid}/smaps").read_text()
-        process.terminate()
-    return 1024 * sum(map(int, re.findall(r"/MacOS/OrvaneService\n(?:.*\n){2,4}?Rss: +(\d+)", maps)))
+def verdict(value, goal, noise=0.0):
+    if abs(value - goal) <= noise:
+        return "equal"
+    return "met" if value < goal else "**missed**"
 
 
-def lines_file(line, count):
-    path = WORK / f"lines-{len(line)}-{count}"
-    path.write_text((line + "\n") * count)
-    return path
+def goals(sample, ready, costs, count):
+    rows = []
+
+    def row(text, race, other, goal, what="wall"):
+        value = race.ratio(other, what)
+        rows.append([f"{text}, {WHAT[what]}", f"≤ {goal:.2f}", f"{value:.3f}",
+                     f"± {race.noise[what]:.3f}", verdict(value, goal, race.noise[what])])
+
+    for what in WHAT:
+        row("whole run: ours / a bare C host", sample, "a bare C host", 1, what)
+    for other, goal in ("`java`", 1), ("jpackage's launcher", 1), ("jsvc", 0.8):
+        row(f"whole run: ours / {other}", sample, other, goal)
+    for version, race in ready.items():
+        row(f"JDK {version}, ready: ours / stock JDK", race, "stock JDK",
+            0.5 if version >= 24 else 0.55)
+        row(f"JDK {version}: ours / stock JDK", race, "stock JDK", 1, "memory")
+        row(f"JDK {version}, ready: ours / best by hand", race,
+            "same runtime, `java`, best by hand", 1)
+    rows.append(["instructions of a whole run over an idle runtime", "≤ 400,000", f"{count:,}", "",
+                 verdict(count, 400_000)])
+    for kind, cost in costs.items():
+        _, some, many = cost
+        value = cost[many][0] / cost[COUNTS[0] if many > 100_000 else some][0]
+        rows.append([f"{kind}: cost of one of {many:,} / of 10,000", "≤ 1.20", f"{value:.2f}", "",
+                     verdict(value, 1.2)])
+    return rows
 
 
-def measure_lines():
-    """{line length: {count: per_item}} of the launcher and of the getline loop."""
-    ours, loop = {}, {}
-    for length, line in LINES.items():
-        commands = {}
-        for count in [0, *COUNTS]:
-            file = lines_file(line, count) if count else None
-            commands["ours", count] = Command(["./OrvaneService"], WORK / "idle/MacOS", file=file)
-            commands["loop", count] = Command([WORK / "getline", file or lines_file(line, 1)], WORK)
-        few = {(who, count): 7 for who, count in commands if count <= 10_000}
-        runs = interleaved(commands, LINE_ROUNDS, few)
-        ours[length], loop[length] = [
-            {count: per_item(runs[who, count], runs[who, 0], count) for count in COUNTS}
-            for who in ("ours", "loop")]
-    return ours, loop
+def race_table(race, archived, unit):
+    names = [name for name in race.runs if name not in ("ours", "twin")]
+    rows = [["ours", f"{race.median('ours', 'wall') * 1000:.0f}", "", "", "", f"{archived['ours']:.0f} %"]]
+    rows += [[name, f"{race.median(name, 'wall') * 1000:.0f}",
+              *(f"{race.ratio(name, what):.3f}" for what in WHAT), f"{archived[name]:.0f} %"]
+             for name in names]
+    return table(["", unit, *(f"ours / it, {text}" for text in WHAT.values()), "classes archived"], rows)
 
 
-def measure_arguments():
-    commands = {count: Command(["./OrvaneService", *(f"arg{i:05}" for i in range(count))],
-                               WORK / "idle/MacOS") for count in [0, *ARGUMENT_COUNTS]}
-    runs = interleaved(commands, LINE_ROUNDS, {count: 7 for count in commands if count <= 10_000})
-    return {count: per_item(runs[count], runs[0], count) for count in ARGUMENT_COUNTS}
+def chart(ready):
+    """Bars of the ready times, in an SVG of a line each."""
+    lines, y = [], 20
+    longest = max(race.median("stock JDK", "wall") for race in ready.values())
+    for version, race in ready.items():
+        for name in (name for name in race.runs if name != "twin"):
+            seconds = race.median(name, "wall")
+            colour = "#2a6fb0" if name == "ours" else "#b8c4d0"
+            lines.append(f'<rect x="300" y="{y - 13}" width="{330 * seconds / longest:.0f}" height="16" '
+                         f'fill="{colour}"/><text x="290" y="{y}" text-anchor="end">JDK {version}, '
+                         f'{name.replace("`", "")}</text><text x="{306 + 330 * seconds / longest:.0f}" '
+                         f'y="{y}">{seconds * 1000:.0f} ms</text>')
+            y += 22
+        y += 10
+    return (f'<svg xmlns="http://www.w3.org/2000/svg" width="720" height="{y}" font-family="sans-serif" '
+            'font-size="13"><rect width="100%" height="100%" fill="white"/>\n'
+            + "\n".join(lines) + "\n</svg>\n")
 
 
-def first_match(pattern, text):
-    found = re.search(pattern, text, re.M)
-    return found[1].strip() if found else "unknown"
-
-
-def machine():
-    """[(what, what it is)] of the machine and of the programs measured with."""
-    memory = os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES") / 2 ** 30
-    packages = [f"{name} {run('dpkg-query', '-W', '-f', '${Version}', name)}"
-                for name in ("jsvc", "libcommons-daemon-java", "libhsqldb-java", "valgrind",
-                             "libc6", "binutils")]
-    return [
-        ("processor", first_match(r"^model name\s*: (.*)$", pathlib.Path("/proc/cpuinfo").read_text())
-         + f", {os.cpu_count()} cores"),
-        ("memory", f"{memory:.0f} GiB"),
-        ("system", first_match(r'^PRETTY_NAME="(.*)"', pathlib.Path("/etc/os-release").read_text())
-         + f", Linux {os.uname().release.split('-')[0]}"),
-        ("compiler", run(cached("CMAKE_CXX_COMPILER"), "--version").splitlines()[0]),
-        ("JDK", run(JDK / "bin/java", "-version").splitlines()[1]),
-        ("others", ", ".join(packages)),
-    ]
+def machine(jdks):
+    def first(pattern, path):
+        found = re.search(pattern, pathlib.Path(path).read_text(), re.M)
+        return found[1] if found else "unknown"
+    versions = [run(jdk / "bin/java", "-version").splitlines()[1].split("(build ")[1].rstrip(")")
+                for jdk in jdks.values()]
+    return ", ".join([
+        first(r"^model name\s*: (.*)$", "/proc/cpuinfo"), f"{os.cpu_count()} cores",
+        f"{os.sysconf('SC_PAGE_SIZE') * os.sysconf('SC_PHYS_PAGES') / 2 ** 30:.0f} GiB",
+        first(r'^PRETTY_NAME="(.*)"', "/etc/os-release"), run("c++", "--version").splitlines()[0],
+        *(f"JDK {version}" for version in versions)])
 
 
 def main():
-    began, load = time.monotonic(), os.getloadavg()[0]
+    load = os.getloadavg()[0]
+    jdks = {}
+    for home in map(pathlib.Path, sys.argv[1:]):  # the first is the sample's
+        jdks.setdefault(int(re.search(r'^JAVA_VERSION="(\d+)', (home / "release").read_text(), re.M)[1]), home)
+    jdk = next(iter(jdks.values()))
     OVERRIDE_FILE.parent.mkdir(parents=True)
-    peer, heavy = prepare()
-    found = {"machine": machine(), "rounds": ROUNDS, "floor_rounds": FLOOR_ROUNDS,
-             "heavy_rounds": HEAVY_ROUNDS, "line_rounds": LINE_ROUNDS, "warm_up": WARM_UP, "lines": LINES, "options": OPTIONS}
+    say("Building what is measured")
+    prepare(jdk)
+    ready, ready_archived = {}, {}
+    for version in sorted(jdks, reverse=True):
+        commands = ready_hosts(jdks[version])
+        say(f"Ready time on JDK {version}")
+        ready[version] = Race(commands, READY_ROUNDS, "ours")
+        ready_archived[version] = {name: command.archived() for name, command in commands.items()}
+    commands = hosts(jdk)
+    say("Whole run of the sample")
+    sample = Race(commands, ROUNDS, "a bare C host")
+    archived = {name: command.archived() for name, command in commands.items()}
+    say("Lines and arguments")
+    costs = growth()
+    counted = {name: instructions(program, WORK / "idle/MacOS") for name, program in
+               (("the launcher", "./OrvaneService"), ("the bare C host", WORK / "floor"))}
+    rows = [[kind, f"{count:,}", f"{cost[0]:.0f}", f"{cost[1]:.0f}"]
+            for kind, by_count in costs.items() for count, cost in by_count.items()]
+    (HERE / "chart.svg").write_text(chart(ready))
+    (HERE / "REPORT.md").write_text(f"""# Benchmarks
 
-    commands, heavies = hosts(peer), heavy_hosts(heavy)
-    found["commands"] = {name: command.shown for name, command in commands.items()}
-    found["heavy_commands"] = {name: command.shown for name, command in heavies.items()}
-    found["classes"] = {name: command.classes() for name, command in commands.items()}
-    found["heavy_classes"] = {name: command.classes() for name, command in heavies.items()}
+`script/bench` wrote this page in {(time.monotonic() - began) / 60:.0f} minutes. Each round runs everything that is compared once, in
+random order; a ratio is of two runs of one round, a figure is the median over the rounds (lower is better).
+The noise is what one program comes to beside itself in the same rounds (95 of 100 draws of the median):
+a figure no further than that from its goal is called equal.
 
-    say(f"Whole runs beside the floor, {FLOOR_ROUNDS} rounds")
-    runs = interleaved({"ours": commands["ours"], "floor": commands["floor"],
-                        "again": commands["floor"]}, FLOOR_ROUNDS)
-    found["ratios"] = {"floor": ratios(runs["ours"], runs["floor"])}
-    found["noise"] = ratios(runs["again"], runs["floor"])
-    found["resident"] = resident(commands["ours"])
-    say(f"Whole runs beside the peers, {ROUNDS} rounds")
-    runs = interleaved({name: commands[name] for name in commands if name != "floor"}, ROUNDS)
-    for name in "java", "jpackage", "jsvc", "jsvc-data":
-        found["ratios"][name] = ratios(runs["ours"], runs[name])
-    say(f"Start to readiness of the class-heavy service, {HEAVY_ROUNDS} rounds")
-    runs = interleaved(heavies, HEAVY_ROUNDS)
-    found["ratios"]["stock"] = ratios(runs["ours"], runs["stock"])
+Machine: {machine(jdks)}.
+Load average of the last minute at the start {load:.1f}, at the end {os.getloadavg()[0]:.1f}: the hosts themselves make some.
 
-    say("Instructions")
-    idle = WORK / "idle/MacOS"
-    found["instructions"] = {
-        "ours": instructions("./OrvaneService", idle),
-        "floor": instructions(WORK / "floor", idle),
-        "empty": instructions(WORK / "empty", idle),
-    }
-    say(f"Lines of the override file, {LINE_ROUNDS} rounds")
-    found["ours_lines"], found["loop_lines"] = measure_lines()
-    say(f"Arguments, {LINE_ROUNDS} rounds")
-    found["arguments"] = measure_arguments()
-    say("What was tried")
-    found["variants"] = variants.measure(sys.modules[__name__])
-    found["size"] = variants.composition(WORK / "variants/as it is")
-    found["slices"] = macos_slices()
-    found["load"] = load, os.getloadavg()[0]
-    found["minutes"] = (time.monotonic() - began) / 60
-    report.write(found, HERE)
-    say(f"bench/REPORT.md is written after {found['minutes']:.0f} minutes")
+## Goals
 
+{table(["", "goal", "median", "noise", ""], goals(sample, ready, costs, counted["the launcher"]))}
+## Ready time of a service with some 2,000 classes
 
-def macos_slices():
-    """{architecture: {part: bytes}}, or None where the macOS executable was not built."""
-    file = SOURCE / "build/macos-universal/src/OrvaneService"
-    if not file.exists():
-        return None
-    return {name: {"whole": len(data), **macho_parts(data)}
-            for name, data in macho.slices(file.read_bytes()).items()}
+{" and ".join(str(race.rounds) for race in ready.values())} rounds, from the start to the line `ready` on a pipe; CPU and memory are of the whole run. `bench/java/QRService.java`
+with the HSQLDB database, in a bundle made by `BUNDLE_JAR`.
 
+![Ready time](chart.svg)
 
-def macho_parts(data):
-    """The sections of the code segment and the sizes of the other segments in the file."""
-    parts = {}
-    for body in macho.Slice(data).bodies(0x19):  # LC_SEGMENT_64
-        segment = body[8:24].rstrip(b"\0").decode()
-        size, sections = struct.unpack_from("<Q", body, 48)[0], struct.unpack_from("<I", body, 64)[0]
-        if segment != "__TEXT":
-            parts[segment] = size
-            continue
-        for index in range(sections):
-            at = 72 + 80 * index
-            name = body[at:at + 16].rstrip(b"\0").decode()
-            parts[f"__TEXT,{name}"] = struct.unpack_from("<Q", body, at + 40)[0]
-    return {name: size for name, size in parts.items() if size}
+""" + "\n".join(f"JDK {version}:\n\n{race_table(race, ready_archived[version], 'ms to ready')}"
+                for version, race in ready.items()) + f"""
+## Whole run of the sample
+
+{sample.rounds} rounds, JDK {next(iter(jdks))}, the bundle's runtime, output to `/dev/null`. The bare C host is `bench/native/floor.c`: nothing
+that hosts a VM in its own process can start sooner.
+
+{race_table(sample, archived, "ms")}
+- All have the launcher's {len(OPTIONS)} options, `PATH` and `LC_ALL=C.UTF-8`, and `MacOS` of the bundle as working directory.
+- Best by hand: `-XX:AOTCache=` where the VM has it, else `-XX:SharedArchiveFile=`, trained by the same run, with the jar alone.
+- jpackage's application: `--runtime-image` of the bundle's runtime without its archive, such an archive in
+  `$APPDIR` by `--java-options`, and `PATH=/nonexistent`, as it asks the package manager at every start.
+- jsvc's class is `bench/java/JsvcService.java`; its own jar comes first, as is usual, which keeps the VM from the archive.
+
+## Growth
+
+The launcher over a runtime library that does nothing (`bench/native/idle_runtime.c`), at most {COUNT_ROUNDS[0]} rounds. The cost of one is the time
+of a run less that of a run without any, divided by their number; a thousand cost about what starts differ by.
+
+{table(["", "count", "ns each", "bytes each"], rows)}
+Instructions of a whole run (`valgrind --tool=callgrind`, the loader's included): {", ".join(f"{name} {count:,}" for name, count in counted.items())}.
+""")
+    say("bench/REPORT.md is written")
 
 
 if __name__ == "__main__":

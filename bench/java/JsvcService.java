@@ -6,13 +6,9 @@ import org.apache.commons.daemon.DaemonContext;
 public final class JsvcService implements Daemon {
     private DaemonContext context;
 
-    @Override
-    public void init(DaemonContext given) {
-        context = given;
-    }
+    @Override public void init(DaemonContext given) { context = given; }
 
-    @Override
-    public void start() {
+    @Override public void start() {
         new Thread(() -> {
             try {
                 QRService.main(context.getArguments());
@@ -23,9 +19,7 @@ public final class JsvcService implements Daemon {
         }).start();
     }
 
-    @Override
-    public void stop() {}
+    @Override public void stop() {}
 
-    @Override
-    public void destroy() {}
+    @Override public void destroy() {}
 }
