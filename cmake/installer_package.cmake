@@ -1,0 +1,7 @@
+# Read by cpack, once per generator. The installer package is made of the installed bundle too,
+# by way of a component, for scripts and property lists go with components.
+if(CPACK_GENERATOR STREQUAL productbuild)
+    set(CPACK_INSTALLED_DIRECTORIES "")
+    set(CPACK_INSTALL_CMAKE_PROJECTS "${CPACK_BUILD_DIRECTORY};Orvane;package;/")
+    set(CPACK_COMPONENTS_ALL package)
+endif()
