@@ -54,9 +54,10 @@ else()
 endif()
 
 # The installer package has the bundle beside the installation; the scripts do the rest.
-install(DIRECTORY ${PROJECT_BINARY_DIR}/Applications/Orvane.app COMPONENT package EXCLUDE_FROM_ALL
-    DESTINATION "/Library/Application Support/Orvane.installing" USE_SOURCE_PERMISSIONS)
+install(DIRECTORY ${PROJECT_BINARY_DIR}/Applications/Orvane.app DESTINATION .
+    COMPONENT package EXCLUDE_FROM_ALL USE_SOURCE_PERMISSIONS)
 set(CPACK_PROJECT_CONFIG_FILE ${PROJECT_SOURCE_DIR}/cmake/installer_package.cmake)
+set(CPACK_COMPONENT_PROJECT "${PROJECT_BINARY_DIR};Orvane;package;/")
 set(CPACK_PREFLIGHT_PACKAGE_SCRIPT ${PROJECT_SOURCE_DIR}/bundle/package/preinstall)
 set(CPACK_POSTFLIGHT_PACKAGE_SCRIPT ${PROJECT_SOURCE_DIR}/bundle/package/postinstall)
 set(CPACK_PRODUCTBUILD_IDENTIFIER ${identifier})

@@ -2,6 +2,7 @@
 # by way of a component, for scripts and property lists go with components.
 if(CPACK_GENERATOR STREQUAL productbuild)
     set(CPACK_INSTALLED_DIRECTORIES "")
-    set(CPACK_INSTALL_CMAKE_PROJECTS "${CPACK_BUILD_DIRECTORY};Orvane;package;/")
+    set(CPACK_INSTALL_CMAKE_PROJECTS "${CPACK_COMPONENT_PROJECT}")
     set(CPACK_COMPONENTS_ALL package)
+    set(CPACK_PACKAGING_INSTALL_PREFIX "/Library/Application Support/Orvane.installing")
 endif()

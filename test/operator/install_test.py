@@ -9,9 +9,14 @@ property list, and a line that begins with "root:" or "user:" is in that mode's 
 """
 
 import itertools
+import pathlib
 import plistlib
+import re
 import shutil
 import stat
+import subprocess
+import tarfile
+import tempfile
 import unittest
 
 from support import CONTENTS, ROOT
@@ -20,6 +25,8 @@ from support.private_root import BUILD_DIR, PrivateRoot
 COMMANDS = ("launchctl", "pgrep", "sleep", "cp", "mv", "rm", "chown", "chmod", "mkdir")
 INNER = CONTENTS.partition("/")[2]
 DATA = "/Library/Application Support/Quillrest"
+USAGE = re.search(r'^usage="(.*?)"$', (ROOT / "operator/install").read_text(),
+                  re.M | re.S).group(1) + "\n"
 STAGED = "/Library/Application Support/Orvane.installing"
 
 COPY = """\
@@ -268,8 +275,8 @@ class Machine:
     def loaded(self):
         """Whether the installed job is loaded."""
         state = self.root.path("/state/loaded")
-        return state.exists() and state.read_text().split()[2] == self.job and \
-            self.root.path(self.job).exists()
+        return state.exists() and self.root.path(self.job).exists() and \
+            state.read_text().split(" ", 2)[2].startswith(self.job + ":" + self.app + "/")
 
     def image(self):
         """What a test may change, to be restored."""
@@ -286,8 +293,8 @@ class Machine:
 class Install(unittest.TestCase):
     maxDiff = None
 
-    def machines(self):
-        for home in "", "/Users/alice":
+    def machines(self, homes=("", "/Users/alice")):
+        for home in homes:
             with self.subTest(home=home):
                 yield Machine(self, home)
 
@@ -303,10 +310,10 @@ class Install(unittest.TestCase):
                             (*machine.call(*call, **(state if index == 0 else {})),
                              machine.versions()))
 
-    def killed_after_each_step(self, before, call, *ends):
+    def killed_after_each_step(self, before, call, *ends, homes=("",)):
         """Calls once more after a kill between any two steps: ends are the status of that
         call and the bundles afterwards that are right; the last bundle named runs."""
-        for machine in self.machines():
+        for machine in self.machines(homes):
             for version in before:
                 machine.call(version)
             machine.image()
@@ -318,14 +325,14 @@ class Install(unittest.TestCase):
                 self.assertIn((result[0], machine.versions(), machine.loaded()), ends,
                               (step, result))
                 machine.restore()
-            self.assertGreater(step, 10)
+            self.assertGreater(step, 8)
             self.assertTrue(machine.root.path(f"{machine.home}{DATA}/conf/jvm_args").exists())
 
     def test_a_first_install_killed_at_any_step_is_completed_by_the_next(self):
         self.killed_after_each_step([], ["1"], (0, ONE, True))
 
     def test_an_upgrade_killed_at_any_step_is_completed_by_the_next(self):
-        self.killed_after_each_step(["1"], ["2"], (0, TWO, True))
+        self.killed_after_each_step(["1"], ["2"], (0, TWO, True), homes=("", "/Users/alice"))
 
     def test_a_failed_upgrade_killed_at_any_step_is_reverted_by_the_next(self):
         self.killed_after_each_step(["1"], ["fails"], (3, ONE, True))
@@ -334,8 +341,119 @@ class Install(unittest.TestCase):
         self.killed_after_each_step(["1", "2"], ["1", "--rollback"], (0, ONE, True),
                                     (0, TWO, True), (1, ONE, True))
 
-    def test_an_upgrade_killed_at_any_step_is_undone_by_a_rollback(self):
-        pass
+    def test_an_upgrade_that_was_interrupted_is_undone_by_a_rollback(self):
+        for machine in self.machines():
+            machine.call("1")
+            step = 1 + machine.expected(COPY + STOP + SWAP).count("\n")
+            self.assertEqual((137, {"": "2", ".old": "1"}),
+                             (machine.call("2", kill=step)[0], machine.versions()))
+            self.assertEqual((0, ONE, True), (machine.call("2", "--rollback")[0],
+                                              machine.versions(), machine.loaded()))
 
     def test_an_uninstall_killed_at_any_step_is_completed_by_the_next(self):
         self.killed_after_each_step(["1", "2"], ["uninstall"], (0, {}, False))
+
+    def test_only_the_owner_may_write_what_is_installed(self):
+        for machine in self.machines():
+            machine.call("1")
+            paths = [machine.root.path(machine.job), *machine.root.path(machine.app).rglob("*")]
+            self.assertEqual([], [path for path in paths if path.stat().st_mode & 0o6022])
+            self.assertEqual({0o755, 0o644},
+                             {stat.S_IMODE(path.stat().st_mode) for path in paths})
+
+    def test_the_bundle_in_place_may_be_installed_again_which_keeps_the_former_one(self):
+        for machine in self.machines():
+            machine.call("1")
+            machine.call("2")
+            self.assertEqual((0, TWO, True),
+                             (machine.call("")[0], machine.versions(), machine.loaded()))
+
+    def test_an_agent_of_a_user_who_is_not_logged_in_starts_later(self):
+        machine = Machine(self, "/Users/alice")
+        self.assertEqual(
+            (0, lines("Copying version 1 to APP.new.",
+                      "Version 1 is installed; LABEL starts when the user logs in."), "",
+             machine.expected(COPY + NOT_RUNNING + PUT + PLACE_JOB) + "launchctl print DOMAIN\n"),
+            machine.call("1", **{"logged-out": ""}))
+
+    def test_an_agent_s_home_may_have_characters_that_mean_something_elsewhere(self):
+        for home in ("/Users/a b", "/Users/a&b", "/Users/<a>", "/Users/a|b", "/Users/a\\1b",
+                     "/Users/\N{LATIN SMALL LETTER E WITH ACUTE}", "/Users/@HOME@"):
+            with self.subTest(home=home):
+                machine = Machine(self, home)
+                machine.call("1", **{"logged-out": ""})
+                job = plistlib.loads(machine.root.path(machine.job).read_bytes())
+                self.assertEqual([f"{machine.app}/{INNER}/MacOS/OrvaneService", "-Duser.install=1"],
+                                 job["ProgramArguments"])
+                self.assertEqual(f"{machine.app}/{INNER}/MacOS", job["WorkingDirectory"])
+                self.assertEqual(home + "/Library/Logs/OrvaneService.log", job["StandardErrorPath"])
+
+    def test_a_wrong_call_changes_nothing_and_is_answered_in_one_line(self):
+        script = f"/new/1/Orvane.app/{INNER}/Resources/operator/install"
+        agent = (f"install: an agent belongs to its user: as root, call launchctl asuser UID "
+                 f"sudo -H -u NAME {script} --user\n")
+        daemon = ("install: the system-wide service is root's: call with sudo, or with --user for "
+                  "an agent\n")
+        for home, run_home, arguments, status, errors in (
+                ("", "/root", ["--user"], 1, agent),
+                ("/Users/alice", "/Users/alice", [], 1, daemon),
+                ("/Users/alice", "/Users/bob", ["--user"], 1,
+                 "install: HOME is '/Users/bob', not the caller's directory in /Users; with sudo, "
+                 "add -H\n"),
+                ("", "/root", ["--now"], 2, USAGE)):
+            with self.subTest(errors):
+                machine = Machine(self, home)
+                result = machine.root.run(["/bin/sh", script, *arguments],
+                                          env={"PATH": "/usr/bin:/bin", "HOME": run_home})
+                self.assertEqual((status, "", errors, {}),
+                                 (result.status, result.stdout.decode(), result.stderr.decode(),
+                                  machine.versions()))
+
+    def test_help_is_the_usage(self):
+        run = subprocess.run([ROOT / "operator/install", "--help"], capture_output=True, text=True)
+        self.assertEqual((0, USAGE, ""), (run.returncode, run.stdout, run.stderr))
+
+    def test_the_installer_package_s_scripts_install_what_it_has_put_beside(self):
+        def installer(script):
+            return machine.run(["/new/" + script, "/new/Orvane.pkg", STAGED, "/", "/"])[:3]
+        machine = Machine(self)
+        for script in "preinstall", "postinstall":
+            shutil.copy(ROOT / "bundle/package" / script, machine.root.path("/new"))
+        machine.root.put(STAGED + "/Orvane.app/left over", b"")
+        for version, process, before in (("1", 101, []), ("2", 102, stopping(101, 1))):
+            self.assertEqual((0, "", ""), installer("preinstall"))
+            self.assertFalse(machine.root.path(STAGED).exists())
+            machine.bundle(version, folder=STAGED)
+            status, output, errors = installer("postinstall")
+            self.assertEqual((0, came_up(version, process, *before), ""),
+                             (status, machine.named(output, STAGED), errors))
+            self.assertFalse(machine.root.path(STAGED).exists())
+        machine.bundle("fails", "fails 0", folder=STAGED)
+        self.assertEqual((3, TWO | {".former": "1"}), (installer("postinstall")[0], machine.versions()))
+        self.assertEqual((1, "preinstall: '/Volumes/Other' is not the running system; install there\n"),
+                         machine.run(["/new/preinstall", "", "", "/Volumes/Other", "/"])[:2])
+
+    def test_the_payload_of_the_installer_package_is_the_installed_bundle_beside(self):
+        """As far as Linux goes: cpack makes a tarball of what productbuild would be given."""
+        with tempfile.TemporaryDirectory(dir=BUILD_DIR) as folder:
+            folder = pathlib.Path(folder)
+            own = (ROOT / "cmake/installer_package.cmake").read_text()
+            (folder / "own.cmake").write_text(own.replace("productbuild", "TGZ"))
+            config = (BUILD_DIR / "CPackConfig.cmake").read_text()
+            for name, script in ("PREFLIGHT", "preinstall"), ("POSTFLIGHT", "postinstall"):
+                self.assertIn(f'set(CPACK_{name}_PACKAGE_SCRIPT "{ROOT}/bundle/package/{script}")', config)
+            plist = re.search('set\\(CPACK_COMPONENT_PACKAGE_PLIST "(.*)"\\)', config).group(1)
+            self.assertEqual([{
+                "RootRelativeBundlePath": STAGED[1:] + "/Orvane.app", "BundleIsRelocatable": False,
+                "BundleIsVersionChecked": False, "BundleOverwriteAction": "upgrade",
+            }], plistlib.loads(pathlib.Path(plist).read_bytes()))
+            (folder / "CPackConfig.cmake").write_text(
+                config + f'set(CPACK_PROJECT_CONFIG_FILE "{folder}/own.cmake")\n'
+                'set(CPACK_POST_BUILD_SCRIPTS "")\n')
+            subprocess.run(["cpack", "--config", folder / "CPackConfig.cmake", "-G", "TGZ", "-B", folder],
+                           check=True, capture_output=True)
+            with tarfile.open(next(folder.glob("*.gz"))) as tarball:
+                names = {name.partition(STAGED[1:] + "/")[2] for name in tarball.getnames()}
+        installed = BUILD_DIR / "Applications"
+        self.assertEqual({str(path.relative_to(installed)) for path in installed.rglob("*")},
+                         names - {""})
