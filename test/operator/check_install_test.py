@@ -6,7 +6,6 @@ import json
 import os
 import re
 import shutil
-import struct
 import subprocess
 import unittest
 
@@ -20,6 +19,7 @@ USAGE = re.search(r'^usage="(.*?)"$', SCRIPT.read_text(), re.M | re.S).group(1) 
 RUNTIME = re.search('JAVA_VERSION="(.*)"', (BUILD_DIR / "jre/release").read_text()).group(1)
 VERSIONS = f"Versions: launcher {VERSION}, service {VERSION}, runtime {RUNTIME}."
 AGAIN = "install the bundle again"
+PROGRAM = "IN/MacOS/OrvaneService"
 JSA = "RES/jre/lib/server/classes.jsa"
 JVM = "RES/jre/lib/server/libjvm.so"
 JAR = "RES/lib/com.vaultory.desktop.jar"
@@ -107,18 +107,11 @@ def refused(number, what, remedy):
     return f"DATA/conf/jvm_args: line {number} {what}; {remedy}"
 
 
-def macho(size):
-    """A universal file of one architecture, whose one segment ends at byte 1000."""
-    thin = struct.pack("<8I2I16sQQQQ", 0xFEEDFACF, 0, 0, 2, 1, 72, 0, 0, 25, 72, b"__TEXT", 0, 0,
-                       0, 1000).ljust(1000, b"\0")
-    return (struct.pack(">2I5I", 0xCAFEBABE, 1, 0, 0, 4096, 1000, 0).ljust(4096, b"\0") + thin)[:size]
-
-
 OTHERS = "writable by the group or by others; chmod go-w"
 REJECTED = "is rejected, and the start with it"
 WHITE = "ends in white space, which the VM sees"
 DIFFERS = "is not as the bundle has it; run install"
-ARCHIVE = f"{JSA}: not for this jar and this runtime: Unable to use shared archive.; run update-cds-archive"
+ARCHIVE = f"{JSA}: not for this jar and this runtime; run update-cds-archive"
 # What breaks it, and the lines that report it.
 BROKEN = {
     "no bundle": (lambda i: i.at("APP").rename(i.root.path("/elsewhere")),
@@ -134,32 +127,19 @@ BROKEN = {
                                  ["/Library/Application Support: writable by others; chmod o-w"]),
     "open Applications": (lambda i: i.at("APP").parent.chmod(0o775),
                           ["/Applications: writable by group 0; chmod g-w"]),
-    "no launcher": (lambda i: i.at("IN/MacOS/OrvaneService").unlink(),
-                    [f"IN/MacOS/OrvaneService: missing; {AGAIN}"]),
-    "launcher not executable": (lambda i: i.change("IN/MacOS/OrvaneService", mode=0o644),
-                                [f"IN/MacOS/OrvaneService: not executable; {AGAIN}"]),
-    "launcher empty": (lambda i: i.put("IN/MacOS/OrvaneService", mode=0o755),
-                       [f"IN/MacOS/OrvaneService: empty; {AGAIN}"]),
-    "launcher truncated": (
-        lambda i: i.put("IN/MacOS/OrvaneService", macho(5000), 0o755),
-        [f"IN/MacOS/OrvaneService: truncated: 5000 of at least 5096 bytes; {AGAIN}"]),
-    "launcher a script": (lambda i: i.put("IN/MacOS/OrvaneService", b"#!/bin/sh\n", 0o755),
-                          [f"IN/MacOS/OrvaneService: damaged: not what its name says; {AGAIN}"]),
-    "libjvm truncated": (
-        lambda i: i.change(JVM, size=20000),
-        [f"{JVM}: truncated: 20000 of at least {(APPLICATIONS / CONTENTS / 'Resources/jre/lib/server/libjvm.so').stat().st_size} bytes; {AGAIN}"]),
-    "libjvm empty": (lambda i: i.put(JVM), [f"{JVM}: empty; {AGAIN}"]),
+    "no launcher": (lambda i: i.at(PROGRAM).unlink(),
+                    [f"{PROGRAM}: missing; {AGAIN}"]),
+    "launcher not executable": (lambda i: i.change(PROGRAM, mode=0o644),
+                                [f"{PROGRAM}: not executable; {AGAIN}"]),
+    "launcher empty": (lambda i: i.put(PROGRAM, mode=0o755), [f"{PROGRAM}: does not start; {AGAIN}"]),
+    "launcher truncated": (lambda i: i.change(PROGRAM, size=100000),
+                           [f"{PROGRAM}: does not start; {AGAIN}"]),
+    "libjvm truncated": (lambda i: i.change(JVM, size=20000), [f"RES/jre: does not start; {AGAIN}"]),
+    "libjvm empty": (lambda i: i.put(JVM), [f"RES/jre: does not start; {AGAIN}"]),
     "no libjvm": (lambda i: i.at(JVM).unlink(),
                   ["RES/jre/lib/server/libjvm.dylib: missing; the Java runtime belongs in Resources/jre"]),
-    "modules empty": (lambda i: i.put("RES/jre/lib/modules"), [f"RES/jre/lib/modules: empty; {AGAIN}"]),
-    "modules truncated": (
-        lambda i: i.change("RES/jre/lib/modules", size=-1000),
-        [f"RES/jre/lib/modules: truncated: "
-         f"{(size := (BUILD_DIR / 'jre/lib/modules').stat().st_size) - 1000} of at least {size - 8} bytes; {AGAIN}"]),
-    "modules of another runtime": (
-        lambda i: i.change("RES/jre/lib/modules", b"java.base", b"java.bass"),
-        [f"RES/jre: the runtime does not start: java/lang/NoClassDefFoundError: "
-         f"java/lang/Object; {AGAIN}"]),
+    "modules empty": (lambda i: i.put("RES/jre/lib/modules"), [f"RES/jre: does not start; {AGAIN}"]),
+    "modules truncated": (lambda i: i.change("RES/jre/lib/modules", size=-1), [ARCHIVE]),
     "no CDS archive": (lambda i: i.at(JSA).unlink(),
                        [f"{JSA}: missing; starts are slower without it: run update-cds-archive"]),
     "CDS archive empty": (lambda i: i.put(JSA), [ARCHIVE]),

@@ -27,6 +27,7 @@ print() {
     fi
     echo "$pid $((looks + 1)) $plist" >/state/loaded
     read -r behaviour after 2>/dev/null <"${plist##*:}" || behaviour=never
+    case $after in *[!0-9]*) after=0 ;; esac
     state=running ended='last exit code = (never exited)'
     case $behaviour:$((looks < after)) in
         never:*) state="spawn scheduled" ;;

@@ -36,12 +36,17 @@ Orvane.app/Contents/Library/LaunchServices/OrvaneService.app/
 {CONTENTS}/Resources/launchd/
 {CONTENTS}/Resources/launchd/com.vaultory.service.agent.plist.in
 {CONTENTS}/Resources/launchd/com.vaultory.service.plist
-{CONTENTS}/Resources/launchd/make-agent*
 {CONTENTS}/Resources/lib/
 {CONTENTS}/Resources/lib/com.vaultory.desktop.jar
 {CONTENTS}/Resources/man/
 {CONTENTS}/Resources/man/man8/
 {CONTENTS}/Resources/man/man8/OrvaneService.8
+{CONTENTS}/Resources/operator/
+{CONTENTS}/Resources/operator/check-install*
+{CONTENTS}/Resources/operator/install*
+{CONTENTS}/Resources/operator/job.sh
+{CONTENTS}/Resources/operator/uninstall*
+{CONTENTS}/Resources/operator/update-cds-archive*
 """
 
 
