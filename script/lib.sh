@@ -58,7 +58,7 @@ need_build_tools() {
 }
 
 need_test_tools() {
-    [ "$(uname)" = Darwin ] || need bwrap:bubblewrap strace:strace readelf:binutils \
+    [ "$(uname)" = Darwin ] || need bwrap:bubblewrap strace:strace readelf:binutils unzip:unzip \
         /usr/lib/python3/dist-packages/yaml/__init__.py:python3-yaml \
         /usr/share/java/hsqldb.jar:libhsqldb-java \
         /usr/include/gtest/gtest.h:libgtest-dev
