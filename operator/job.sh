@@ -14,6 +14,7 @@ die() { # STATUS TEXT
 }
 
 locate() {
+    home=''
     if [ -n "$user" ]; then
         [ "$(id -u)" != 0 ] ||
             die 1 "an agent belongs to its user: as root, call launchctl asuser UID sudo -H -u NAME $0 --user"
@@ -21,12 +22,12 @@ locate() {
             /Users/*/* | /Users/) ;;
             /Users/*) [ ! -O "$HOME" ] || home=$HOME ;;
         esac
-        [ -n "${home-}" ] ||
+        [ -n "$home" ] ||
             die 1 "HOME is '$HOME', not the caller's directory in /Users; with sudo, add -H"
         domain=gui/$(id -u) jobs=$home/Library/LaunchAgents suffix=plist.in
     else
         [ "$(id -u)" = 0 ] || die 1 "the system-wide service is root's: call with sudo, or with --user for an agent"
-        home='' domain=system jobs=/Library/LaunchDaemons suffix=plist
+        domain=system jobs=/Library/LaunchDaemons suffix=plist
     fi
     app=$home/Applications/Orvane.app
     inner=Contents/Library/LaunchServices/OrvaneService.app/Contents
