@@ -32,7 +32,7 @@ MAC = {
         *) shift; /bin/ls -ld "$@" | awk -v acl="$(cat /state/acl 2>/dev/null)" '
             { print; print " 0: group:everyone deny delete" }
             acl != "" && substr($0, length($0) - length(acl)) == " " acl {
-                print " 1: user:bob allow add_file,write" }' ;;
+                print " 1: user:bob allow " (/^d/ ? "add_file" : "write") }' ;;
     esac''',
 }
 

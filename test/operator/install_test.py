@@ -257,15 +257,16 @@ class Install(unittest.TestCase):
         self.killed_after_each_step(["1", "2"], ["1", "--rollback"], (0, ONE, True),
                                     (0, TWO, True), (1, ONE, True))
 
-    def test_an_upgrade_that_was_interrupted_is_undone_by_a_rollback(self):
+    def test_an_upgrade_that_was_interrupted_is_undone_by_a_rollback_and_by_an_uninstall(self):
         for machine in self.machines():
             machine.call("1")
             done = machine.expected(COPY + STOP + ENDED + SWAP).split(";")
             step = sum(line.split(" ")[0] in COMMANDS for line in done)
-            self.assertEqual((137, {"": "2", ".old": "1"}),
-                             (machine.call("2", kill=step)[0], machine.versions()))
-            self.assertEqual((0, ONE, True), (machine.call("2", "--rollback")[0],
-                                              machine.versions(), machine.loaded()))
+            for call, end in (["2", "--rollback"], ONE), (["uninstall"], {}):
+                self.assertEqual((137, {"": "2", ".old": "1"}),
+                                 (machine.call("2", kill=step)[0], machine.versions()))
+                self.assertEqual((0, end, bool(end)), (machine.call(*call)[0], machine.versions(),
+                                                       machine.loaded()))
 
     def test_an_uninstall_killed_at_any_step_is_completed_by_the_next(self):
         self.killed_after_each_step(["1", "2"], ["uninstall"], (0, {}, False))
