@@ -31,8 +31,12 @@ endfunction()
 launchd_job(com.vaultory.service.plist com.vaultory.service "" "")
 launchd_job(com.vaultory.service.agent.plist.in com.vaultory.service.agent @HOME@ "
 		<string>-Duser.install=1</string>")
-install(PROGRAMS ${PROJECT_SOURCE_DIR}/operator/make-agent
-    DESTINATION ${CONTENTS}/Resources/launchd COMPONENT launcher)
+foreach(script install uninstall check-install update-cds-archive)
+    install(PROGRAMS ${PROJECT_SOURCE_DIR}/operator/${script}
+        DESTINATION ${CONTENTS}/Resources/operator COMPONENT launcher)
+endforeach()
+install(FILES ${PROJECT_SOURCE_DIR}/operator/job.sh
+    DESTINATION ${CONTENTS}/Resources/operator COMPONENT launcher)
 
 install(FILES ${PROJECT_SOURCE_DIR}/bundle/OrvaneService.8
     DESTINATION ${CONTENTS}/Resources/man/man8 COMPONENT launcher)
@@ -46,7 +50,7 @@ configure_file(cmake/pack.cmake.in ${PROJECT_BINARY_DIR}/pack.cmake @ONLY)
 set(CPACK_PROJECT_CONFIG_FILE ${PROJECT_BINARY_DIR}/pack.cmake)
 set(CPACK_APPLICATIONS ${PROJECT_BINARY_DIR}/Applications)
 if(CMAKE_HOST_APPLE)
-    set(CPACK_GENERATOR DragNDrop)
+    set(CPACK_GENERATOR DragNDrop productbuild)
     set(CPACK_INSTALLED_DIRECTORIES "${CPACK_APPLICATIONS};.")
     set(CPACK_INCLUDE_TOPLEVEL_DIRECTORY OFF)
 else()
@@ -54,7 +58,21 @@ else()
     set(CPACK_GENERATOR TGZ)
     set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/tarball.cmake)
 endif()
+
+# The installer package has the bundle beside the installation; the scripts do the rest.
+install(DIRECTORY ${PROJECT_BINARY_DIR}/Applications/Orvane.app DESTINATION .
+    COMPONENT package EXCLUDE_FROM_ALL USE_SOURCE_PERMISSIONS)
+set(CPACK_COMPONENT_PROJECT "${PROJECT_BINARY_DIR};Orvane;package;/")
+set(CPACK_PREFLIGHT_PACKAGE_SCRIPT ${PROJECT_SOURCE_DIR}/bundle/package/preinstall)
+set(CPACK_POSTFLIGHT_PACKAGE_SCRIPT ${PROJECT_SOURCE_DIR}/bundle/package/postinstall)
+set(CPACK_PRODUCTBUILD_IDENTIFIER ${identifier})
+set(CPACK_PRODUCTBUILD_DOMAINS ON)       # the running system's volume alone
+set(CPACK_PRODUCTBUILD_DOMAINS_ANYWHERE OFF)
+set(CPACK_PRODUCTBUILD_DOMAINS_USER OFF)
+set(CPACK_PRODUCTBUILD_DOMAINS_ROOT ON)
 include(CPack)
+cpack_add_component(package HIDDEN DISPLAY_NAME Orvane
+    PLIST ${PROJECT_SOURCE_DIR}/bundle/package/component.plist)
 
 # Last of all: whoever installs, and with whatever umask, everybody may read.
 install(CODE [[execute_process(COMMAND chmod -R u=rwX,go=rX "${app}")]] ALL_COMPONENTS)

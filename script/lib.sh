@@ -59,7 +59,7 @@ need_build_tools() {
 }
 
 need_test_tools() {
-    [ "$(uname)" = Darwin ] || need bwrap:bubblewrap strace:strace readelf:binutils \
+    [ "$(uname)" = Darwin ] || need bwrap:bubblewrap strace:strace readelf:binutils unzip:unzip \
         /usr/lib/python3/dist-packages/yaml/__init__.py:python3-yaml \
         /usr/share/java/h2.jar:libh2-java /usr/share/java/slf4j-api.jar:libslf4j-java \
         /usr/share/java/servlet-api.jar:libservlet-api-java \

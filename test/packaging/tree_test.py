@@ -20,10 +20,15 @@ LAUNCHER = [
     "Resources/launchd/ 755",
     "Resources/launchd/com.vaultory.service.agent.plist.in 644",
     "Resources/launchd/com.vaultory.service.plist 644",
-    "Resources/launchd/make-agent 755",
     "Resources/man/ 755",
     "Resources/man/man8/ 755",
     "Resources/man/man8/OrvaneService.8 644",
+    "Resources/operator/ 755",
+    "Resources/operator/check-install 755",
+    "Resources/operator/install 755",
+    "Resources/operator/job.sh 644",
+    "Resources/operator/uninstall 755",
+    "Resources/operator/update-cds-archive 755",
 ]
 SERVICE = [
     "Frameworks/ 755",

@@ -25,15 +25,15 @@ class PrivateRoot:
     """Lies in a temporary folder of the build folder, deleted at the end of the test:
     /usr and /etc of the machine, read-only; a /dev and a /proc of its own; empty /Users,
     /Applications, /Library and /tmp; and what the test puts there. Commands run in it as
-    an ordinary user, without a network or an environment, and die with the test. Skips
+    an ordinary user, or as root of the namespace, without a network or an environment, and die with the test. Skips
     the test where there are no namespaces, or fails it where CI is set."""
 
-    def __init__(self, test):
+    def __init__(self, test, uid=1000):
         require_namespaces(test)
         folder = tempfile.mkdtemp(prefix="root-", dir=BUILD_DIR)
         test.addCleanup(shutil.rmtree, folder, ignore_errors=True)
         self._root = pathlib.Path(folder)
-        self._arguments = bwrap_arguments(self._root)
+        self._arguments = bwrap_arguments(self._root, uid)
         for name in "Users", "Applications", "Library", "tmp":
             self.path("/" + name).mkdir()
 
@@ -115,10 +115,10 @@ class Process(subprocess.Popen):
         return Result(self.returncode, stdout, stderr)
 
 
-def bwrap_arguments(root):
+def bwrap_arguments(root, uid=1000):
     """What starts a command in the folder root, which becomes a file system's root."""
     arguments = [
-        "bwrap", "--unshare-all", "--unshare-user", "--uid", "1000", "--gid", "1000",
+        "bwrap", "--unshare-all", "--unshare-user", "--uid", str(uid), "--gid", str(uid),
         "--die-with-parent", "--new-session", "--clearenv",
         "--bind", os.fspath(root), "/", "--dev", "/dev", "--proc", "/proc",
     ]
