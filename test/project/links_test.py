@@ -4,7 +4,6 @@ import unittest
 from support import ROOT
 
 
-
 class Links(unittest.TestCase):
     def test_every_link_of_a_document_leads_to_a_file(self):
         documents = [*ROOT.glob("*.md"), *ROOT.glob("docs/**/*.md"), *ROOT.glob("bench/*.md")]

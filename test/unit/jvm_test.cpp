@@ -126,29 +126,25 @@ Strings invocation(const Strings& quoted, const std::string& attached = "env#2",
     return calls;
 }
 
-TEST_F(Lifecycle, The_class_path_is_the_first_option_and_the_list_follows_in_order) {
-    { const JVM jvm({"-b", "-a", "-b"}, "-cp"); }
-    EXPECT_EQ(runtime::calls(),
-              (Strings{CREATE + R"(4, ["-cp", "-b", "-a", "-b"]) = env#1)", DESTROYED}));
+TEST_F(Lifecycle, The_class_path_is_the_first_option_and_the_list_follows_byte_for_byte) {
+    struct Case {
+        std::string classPath;
+        Strings options;
+        std::string record;
+    };
+    for (
+        const auto& [classPath, options, record] : std::vector<Case>{
+            {"-cp", {"-b", "-a", "-b"}, R"(4, ["-cp", "-b", "-a", "-b"])"},
+            {"-cp", {}, R"(1, ["-cp"])"},
+            {"", {"", "-a", ""}, R"(4, ["", "", "-a", ""])"},
+            {"no prefix is added",
+             {" -Xmx1g\t\r", "a\nb", "\xff\xfe\x80", "\"\\"},
+             R"(5, ["no prefix is added", " -Xmx1g\x09\x0d", "a\x0ab", "\xff\xfe\x80", "\"\\"])"}}) {
+        runtime::reset();
+        { const JVM jvm(options, classPath); }
+        EXPECT_EQ(runtime::calls(), (Strings{CREATE + record + ") = env#1", DESTROYED}));
+    }
     EXPECT_EQ(printed(), "");
-}
-
-TEST_F(Lifecycle, An_empty_list_leaves_the_class_path_alone) {
-    { const JVM jvm({}, "-cp"); }
-    EXPECT_EQ(runtime::calls(), (Strings{CREATED_BARE, DESTROYED}));
-}
-
-TEST_F(Lifecycle, Empty_options_are_handed_over_an_empty_class_path_included) {
-    { const JVM jvm({"", "-a", ""}, ""); }
-    EXPECT_EQ(runtime::calls(), (Strings{CREATE + R"(4, ["", "", "-a", ""]) = env#1)", DESTROYED}));
-}
-
-TEST_F(Lifecycle, Options_are_handed_over_byte_for_byte) {
-    { const JVM jvm({" -Xmx1g\t\r", "a\nb", "\xff\xfe\x80", "\"\\"}, "no prefix is added"); }
-    EXPECT_EQ(runtime::calls(),
-              (Strings{CREATE + R"(5, ["no prefix is added", " -Xmx1g\x09\x0d", "a\x0ab", )"
-                                R"("\xff\xfe\x80", "\"\\"]) = env#1)",
-                       DESTROYED}));
 }
 
 TEST_F(Lifecycle, Thousands_of_options_short_and_long_are_handed_over) {
@@ -313,28 +309,29 @@ TEST_F(Registry, Methods_of_equal_text_share_an_identifier_which_calls_the_first
                        "env#2: DeleteLocalRef(array#1)", "DetachCurrentThread() = 0"}));
 }
 
-TEST_F(Registry, A_missing_class_is_an_error_and_is_not_registered) {
-    runtime::reset({.missingClass = "a/Runner"});
-    JVM jvm({}, "-cp");
-    EXPECT_EQ(errorOf([&] { jvm.registerMethod(RUN); }),
-              "Class Error. Couldn't find parent class 'a/Runner'");
-    EXPECT_EQ(runtime::calls(), (Strings{CREATED_BARE, R"(env#1: FindClass("a/Runner") = null)"}));
-    EXPECT_EQ(errorOf([&] { jvm.callJMethod(RUN.getHash(), {}); }),
-              "Failed to find method. RegID: '" + std::to_string(RUN.getHash()) + "' with args:\n");
-    EXPECT_EQ(printed(), "");
-}
-
-TEST_F(Registry, A_class_without_the_static_method_is_an_error_and_is_not_registered) {
-    runtime::reset({.missingMethod = "run"});
-    JVM jvm({}, "-cp");
-    EXPECT_EQ(errorOf([&] { jvm.registerMethod(RUN); }),
-              "Couldn't find method 'run' with proper signature of '([Ljava/lang/String;)V'");
-    EXPECT_EQ(runtime::calls(),
-              (Strings{CREATED_BARE, R"(env#1: FindClass("a/Runner") = class#1)",
-                       R"(env#1: GetStaticMethodID(class#1, "run", "([Ljava/lang/String;)V"))"
-                       " = null"}));
-    EXPECT_EQ(errorOf([&] { jvm.callJMethod(RUN.getHash(), {}); }),
-              "Failed to find method. RegID: '" + std::to_string(RUN.getHash()) + "' with args:\n");
+TEST_F(Registry, A_missing_class_or_static_method_is_an_error_and_is_not_registered) {
+    struct Case {
+        runtime::Behaviour behaviour;
+        std::string message;
+        Strings calls;
+    };
+    const std::string get =
+        R"(env#1: GetStaticMethodID(class#1, "run", "([Ljava/lang/String;)V") = null)";
+    for (const auto& [behaviour, message, calls] : std::vector<Case>{
+             {{.missingClass = "a/Runner"},
+              "Class Error. Couldn't find parent class 'a/Runner'",
+              {CREATED_BARE, R"(env#1: FindClass("a/Runner") = null)"}},
+             {{.missingMethod = "run"},
+              "Couldn't find method 'run' with proper signature of '([Ljava/lang/String;)V'",
+              {CREATED_BARE, R"(env#1: FindClass("a/Runner") = class#1)", get}}}) {
+        runtime::reset(behaviour);
+        JVM jvm({}, "-cp");
+        EXPECT_EQ(errorOf([&] { jvm.registerMethod(RUN); }), message);
+        EXPECT_EQ(runtime::calls(), calls);
+        EXPECT_EQ(
+            errorOf([&] { jvm.callJMethod(RUN.getHash(), {}); }),
+            "Failed to find method. RegID: '" + std::to_string(RUN.getHash()) + "' with args:\n");
+    }
     EXPECT_EQ(printed(), "");
 }
 
