@@ -44,11 +44,12 @@ class LocationsTest(unittest.TestCase):
 
     def test_the_programs_path_names_the_home(self):
         for sentence, program, home in (
-                ("in a directory of the home", b"/Users/alice/Downloads/OrvaneService", b"/Users/alice"),
+                ("in a directory of the home", b"/Users/alice/Downloads/OrvaneService",
+                 b"/Users/alice"),
                 ("in the home itself", b"/Users/alice/OrvaneService", b"/Users/alice"),
-                ("with a space and bytes that are not UTF-8", b"/Users/al ice\xff\\/bin/OrvaneService",
+                ("with a space and other bytes than UTF-8", b"/Users/al ice\xff\\/bin/OrvaneService",
                  b"/Users/al ice\xff\\"),
-                ("what precedes Users is dropped", b"/Volumes/Data/Users/user2/App.app/OrvaneService",
+                ("what precedes Users is dropped", b"/Volumes/Data/Users/user2/App/OrvaneService",
                  b"/Users/user2"),
                 ("the first Users counts", b"/Users/first/Users/second/OrvaneService",
                  b"/Users/first"),

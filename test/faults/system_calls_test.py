@@ -13,7 +13,7 @@ TRACE = "/tmp/trace"
 # Calls that touch neither a file's content nor another process, and those of the dynamic loader.
 HARMLESS = (r"brk|mmap|munmap|mprotect|futex|getrandom|arch_prctl|set_tid_address|set_robust_list|"
             r"rseq|prlimit64|gettid|getpid|(newfstatat|fstat)\(\d")
-LOADER = (r'execve\(|getcwd\(|f?access(at)?\(.*ld\.so|openat\(.*\.so[.\d]*(cache)?", O_RDONLY\|O_CLO|'
+LOADER = (r'execve\(|getcwd\(|f?access(at)?\(.*ld\.so|openat\(.*\.so[.\d]*(cache)?", O_RDONLY\|O|'
           r"(read|pread64|close)\(\d+<[^>]*\.so[.\d]*(cache)?>")
 
 

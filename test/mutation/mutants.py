@@ -231,7 +231,8 @@ def statements(source):
             starts[-1] = index + 1
             statement = source.between(first, index)
             declares = (source.text[source.starts[first] - 1] == "\n" or
-                        source.at(first) in {"using", "class"} or source.at(index - 1) == "delete" or
+                        source.at(first) in {"using", "class"} or
+                        source.at(index - 1) == "delete" or
                         not re.search(r"[(=]|<<|^(return|continue)\b", statement))
             if not declares:
                 yield source.edit("statements", first, index, ";")

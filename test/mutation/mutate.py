@@ -98,7 +98,8 @@ class Tests:
         process = subprocess.Popen(
             command, cwd=self.build, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
             stderr=subprocess.PIPE, start_new_session=True,
-            env={**os.environ, "CI": "1", "BUILD_DIR": str(self.build), "PYTHONPATH": ":".join(paths)},
+            env={**os.environ, "CI": "1", "BUILD_DIR": str(self.build),
+                 "PYTHONPATH": ":".join(paths)},
             preexec_fn=lambda: [resource.setrlimit(what, (n, n)) for what, n in limits])
         try:
             said = process.communicate(timeout=seconds)[1].decode(errors="replace")
@@ -211,7 +212,7 @@ def summary(verdicts):
 
 def head(verdicts):
     """The first lines of survivors.txt."""
-    lines = ["# The mutants that no test notices, and why. script/mutate writes the lines that begin with #.",
+    lines = ["# The mutants that no test notices, and why. script/mutate writes the lines with #.",
              *(f"# {file}: " + summary(verdict for wrong, verdict in verdicts.items()
                                        if wrong.file == file) for file in product.SOURCES),
              "# all: " + summary(verdicts.values())]
@@ -228,13 +229,15 @@ def main():
     begun = time.monotonic()
     verdicts = run(wanted)
     survived = {wrong.key: wrong for wrong, verdict in verdicts.items() if verdict is False}
-    problems = [f"not noticed and not listed: {survived[key]}" for key in survived.keys() - listed()]
+    problems = [f"not noticed and not listed: {survived[key]}"
+                for key in survived.keys() - listed()]
     if not text:
         rest = re.sub(r"^#.*\n", "", SURVIVORS.read_text(), flags=re.MULTILINE)
         SURVIVORS.write_text(head(verdicts) + rest)
         problems += [f"listed, but not made or noticed by now: {file}\n  - {before}\n  + {after}"
                      for file, before, after in listed() - survived.keys()]
-    print(*sorted(problems), f"{summary(verdicts.values())}; {time.monotonic() - begun:.0f} s", sep="\n")
+    print(*sorted(problems),
+          f"{summary(verdicts.values())}; {time.monotonic() - begun:.0f} s", sep="\n")
     caught = list(verdicts.values()).count(True)
     return 1 if problems or not text and caught < GOAL * (caught + len(survived)) else 0
 

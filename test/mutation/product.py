@@ -1,4 +1,4 @@
-"""What is mutated, what has to notice it, and the product's own names for the engine to exchange."""
+"""What is mutated, what has to notice it, and the product's names for the engine to exchange."""
 
 # Each source, and the unit tests that know it best.
 SOURCES = {
