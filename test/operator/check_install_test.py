@@ -231,7 +231,9 @@ class CheckInstall(unittest.TestCase):
     def reported(self, installation, *reports):
         last = f"Deviations found: {len(reports)}." if reports else "No deviation found."
         text = "".join(f"{line}\n" for line in (*reports, last))
+        before = sorted(installation.root.path("/").glob("Applications/**/*"))
         status, output, errors = installation.run()
+        self.assertEqual(before, sorted(installation.root.path("/").glob("Applications/**/*")))
         versions, _, output = output.partition("\n")
         for name in "RES", "IN", "DATA", "APP", "JOB":
             output = output.replace(installation.path(name), name)
