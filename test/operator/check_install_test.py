@@ -162,8 +162,10 @@ BROKEN = {
         os.chown(i.at("JOB").parent, 65534, 65534),
         [f"{name}: not owned by root; chown it to root" for name in (
             "/Library/LaunchDaemons", "IN/Info.plist", "DATA/conf/jvm_args", "JOB")]),
-    "setuid": (lambda i: i.change("RES/bin/service-version", mode=0o6755),
-               ["RES/bin/service-version: has the setuid or setgid bit; chmod ug-s"]),
+    "setuid": (lambda i: [i.change("RES/bin/service-version", mode=0o4755),
+                          i.change("RES/conf/service.log.xml", mode=0o2644)],
+               [f"RES/{name}: has the setuid or setgid bit; chmod ug-s"
+                for name in ("bin/service-version", "conf/service.log.xml")]),
     "foreign file": (lambda i: i.put("IN/MacOS/helper"), ["IN/MacOS/helper: not the bundle's; remove it"]),
     "crash report": (lambda i: i.put("IN/MacOS/hs_err_pid7.log"),
                      ["IN/MacOS/hs_err_pid7.log: a crash report: it breaks the signature; "
@@ -229,7 +231,9 @@ class CheckInstall(unittest.TestCase):
     def reported(self, installation, *reports):
         last = f"Deviations found: {len(reports)}." if reports else "No deviation found."
         text = "".join(f"{line}\n" for line in (*reports, last))
+        before = sorted(installation.root.path("/").glob("Applications/**/*"))
         status, output, errors = installation.run()
+        self.assertEqual(before, sorted(installation.root.path("/").glob("Applications/**/*")))
         versions, _, output = output.partition("\n")
         for name in "RES", "IN", "DATA", "APP", "JOB":
             output = output.replace(installation.path(name), name)
