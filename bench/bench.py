@@ -46,10 +46,10 @@ def run(*command, cwd=None, env=None):
 
 
 class Command:
-    """What is measured: its words and its directory; with a text, only until that appears on its
+    """What is measured: its words and its directory; with a line, only until that appears on its
     standard output; with a file, that is the override file."""
 
-    def __init__(self, words, cwd, until="", file=None, env=None):
+    def __init__(self, words, cwd, until=b"", file=None, env=None):
         self.words, self.cwd, self.until, self.file = [*map(str, words)], cwd, until, file
         self.env = {**os.environ, **(env or {})}
 
@@ -58,12 +58,23 @@ class Command:
         OVERRIDE_FILE.unlink(missing_ok=True)
         if self.file:
             OVERRIDE_FILE.symlink_to(self.file)
-        done = subprocess.run([WORK / "measure", self.until, *self.words], cwd=self.cwd,
-                              env=self.env, capture_output=True, text=True)
-        wall, cpu, memory, status = map(int, done.stdout.split())
-        if status != 0 or wall <= 0:
+        start = time.perf_counter()
+        process = subprocess.Popen(self.words, cwd=self.cwd, env=self.env, stdin=subprocess.DEVNULL,
+                                   stdout=subprocess.PIPE if self.until else subprocess.DEVNULL,
+                                   stderr=subprocess.DEVNULL)
+        if self.until:
+            while (line := process.stdout.readline()) and line != self.until:
+                pass
+            wall = time.perf_counter() - start
+            process.stdout.read()
+            process.stdout.close()
+        _, status, used = os.wait4(process.pid, 0)
+        process.returncode = status
+        if not self.until:
+            wall = time.perf_counter() - start
+        if status != 0:
             raise SystemExit(f"bench: {' '.join(self.words[:9])}: status {status}; it has to succeed")
-        return {"wall": wall / 1e9, "cpu": cpu / 1e6, "memory": memory * 1024}
+        return {"wall": wall, "cpu": used.ru_utime + used.ru_stime, "memory": used.ru_maxrss * 1024}
 
     def archived(self):
         """The share of the classes a run loads that come from an archive, in percent."""
@@ -119,7 +130,6 @@ def prepare(jdk):
     (WORK / "idle/MacOS").mkdir()
     shutil.copy(BUNDLE / "MacOS/OrvaneService", WORK / "idle/MacOS")
     compile_c = ["cc", "-O2", "-s", *include, "-I", WORK, "-o"]
-    run(*compile_c, WORK / "measure", HERE / "native/measure.c")
     run(*compile_c, WORK / "floor", HERE / "native/floor.c",
         "-Wl,-rpath,../Resources/jre/lib/server:../Resources/jre/lib/jli", jdk / "lib/server/libjvm.so")
     run(*compile_c, idle, "-shared", "-fPIC", HERE / "native/idle_runtime.c",
@@ -202,17 +212,17 @@ def ready_hosts(jdk):
     hand = archive_by_hand(java, cwd, JAR, cache) + str(cache)
     words = [*OPTIONS, "-cp", f"{JAR}:{LANG}", SERVICE]
     return {
-        "ours": Command(["./OrvaneService"], cwd, "ready\n"),
-        "stock JDK": Command([jdk / "bin/java", *words], cwd, "ready\n"),
-        "same runtime, `java`": Command([java, *words], cwd, "ready\n"),
-        "same runtime, `java`, best by hand": Command([java, hand, *words], cwd, "ready\n"),
-        "jpackage, best archive": Command([build_peer(jdk, contents)], cwd, "ready\n",
+        "ours": Command(["./OrvaneService"], cwd, b"ready\n"),
+        "stock JDK": Command([jdk / "bin/java", *words], cwd, b"ready\n"),
+        "same runtime, `java`": Command([java, *words], cwd, b"ready\n"),
+        "same runtime, `java`, best by hand": Command([java, hand, *words], cwd, b"ready\n"),
+        "jpackage, best archive": Command([build_peer(jdk, contents)], cwd, b"ready\n",
                                           env={"PATH": "/nonexistent"}),
     }
 
 
 def growth():
-    """{kind: {count: (ns, bytes) of one item}}, over a run without any."""
+    """{kind: {count: nanoseconds of one item}}, over a run without any."""
     kinds = {"lines of 8 bytes": "-Xmx512m", "lines of 28 bytes": "-Dorv.security.mode=12345678",
              "arguments of 8 bytes": None}
     found = {}
@@ -226,9 +236,8 @@ def growth():
             commands[count] = Command(["./OrvaneService", *arguments], WORK / "idle/MacOS", file=file)
         race = Race(commands, COUNT_ROUNDS)
         found[kind] = {
-            count: tuple(statistics.median((a[what] - b[what]) / count * scale
-                                           for a, b in zip(race.runs[count], race.runs[0]))
-                         for what, scale in (("wall", 1e9), ("memory", 1)))
+            count: statistics.median((a["wall"] - b["wall"]) / count * 1e9
+                                     for a, b in zip(race.runs[count], race.runs[0]))
             for count in commands if count}
     return found
 
@@ -271,8 +280,8 @@ def goals(sample, ready, costs, count):
     rows.append(["instructions of a whole run over an idle runtime", "≤ 400,000", f"{count:,}", "",
                  verdict(count, 400_000)])
     for kind, cost in costs.items():
-        _, some, many = cost
-        value = cost[many][0] / cost[COUNTS[0] if many > 100_000 else some][0]
+        many = max(cost)
+        value = cost[many] / cost[10_000]
         rows.append([f"{kind}: cost of one of {many:,} / of 10,000", "≤ 1.20", f"{value:.2f}", "",
                      verdict(value, 1.2)])
     return rows
@@ -342,8 +351,8 @@ def main():
     costs = growth()
     counted = {name: instructions(program, WORK / "idle/MacOS") for name, program in
                (("the launcher", "./OrvaneService"), ("the bare C host", WORK / "floor"))}
-    rows = [[kind, f"{count:,}", f"{cost[0]:.0f}", f"{cost[1]:.0f}"]
-            for kind, by_count in costs.items() for count, cost in by_count.items()]
+    rows = [[kind, ", ".join(f"{ns:.0f} at {count:,}" for count, ns in cost.items())]
+            for kind, cost in costs.items()]
     (HERE / "chart.svg").write_text(chart(ready))
     (HERE / "REPORT.md").write_text(f"""# Benchmarks
 
@@ -384,7 +393,7 @@ that hosts a VM in its own process can start sooner.
 The launcher over a runtime library that does nothing (`bench/native/idle_runtime.c`), at most {COUNT_ROUNDS[0]} rounds. The cost of one is the time
 of a run less that of a run without any, divided by their number; a thousand cost about what starts differ by.
 
-{table(["", "count", "ns each", "bytes each"], rows)}
+{table(["", "nanoseconds each"], rows)}
 Instructions of a whole run (`valgrind --tool=callgrind`, the loader's included): {", ".join(f"{name} {count:,}" for name, count in counted.items())}.
 """)
     say("bench/REPORT.md is written")
