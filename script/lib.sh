@@ -1,4 +1,4 @@
-# Sourced by the other scripts, from any folder: strict mode, the project's root as the
+# Sourced by the other scripts, from any directory: strict mode, the project's root as the
 # working directory, and how a step is announced and a missing tool installed.
 # shellcheck shell=bash
 set -euo pipefail

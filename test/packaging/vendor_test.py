@@ -44,6 +44,7 @@ class Vendor(unittest.TestCase):
             for entry in (CLASS, *entries):
                 archive.writestr(entry, entry)
             archive.writestr(MANIFEST, manifest + "\r\n")
+        os.utime(self.folder / name, (0, 10**9))
         return self.folder / name
 
     def jmods(self, platform, *modules):
@@ -204,7 +205,7 @@ class Vendor(unittest.TestCase):
                 self.assertEqual([class_path(target / file) for file in (JAR, "a.jar", library)],
                                  [after, "", "a.jar" if name == "all" else ""])
                 self.assertEqual((target / JAR).read_bytes() == jar.read_bytes(), before == after)
-                self.assertEqual(int((target / JAR).stat().st_mtime), int(jar.stat().st_mtime))
+                self.assertEqual((target / JAR).stat().st_mtime, 10**9)
                 with zipfile.ZipFile(target / JAR) as copy:
                     self.assertEqual(copy.read("a/file"), b"a/file")
                     self.assertLessEqual(max(map(len, copy.read(MANIFEST).split(b"\r\n"))), 72)
