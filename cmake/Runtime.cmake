@@ -124,7 +124,7 @@ install(DIRECTORY ${runtime} DESTINATION ${resources} COMPONENT runtime USE_SOUR
 
 if(BUNDLE_CDS_ARCHIVE AND NOT runtime_platform STREQUAL host_platform)
     install(CODE [[message(STATUS "The runtime is not for this machine: call "
-        "operator/update-cds-archive on a Mac, before signing")]] COMPONENT class-data)
+        "operator/update-cds-archive on a Mac, before signing")]] COMPONENT cds-archive)
 elseif(BUNDLE_CDS_ARCHIVE)
     # Last of all; again where the VM would reject what is there, or the training was changed,
     # and whenever this component is installed by itself.
@@ -134,5 +134,5 @@ elseif(BUNDLE_CDS_ARCHIVE)
     endforeach()
     configure_file(cmake/install_cds_archive.cmake.in ${PROJECT_BINARY_DIR}/install_cds_archive.cmake
         @ONLY)
-    install(SCRIPT ${PROJECT_BINARY_DIR}/install_cds_archive.cmake COMPONENT class-data)
+    install(SCRIPT ${PROJECT_BINARY_DIR}/install_cds_archive.cmake COMPONENT cds-archive)
 endif()

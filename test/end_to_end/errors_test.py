@@ -5,7 +5,7 @@ import unittest
 import zipfile
 
 from support import expected
-from support.bundle import CLASS_DATA, JAR, in_each_mode
+from support.bundle import CDS_ARCHIVE, JAR, in_each_mode
 from support.private_root import BUILD_DIR
 
 
@@ -15,7 +15,7 @@ class ErrorsTest(unittest.TestCase):
     def assert_rejected(self, jar, message):
         """jar replaces the service's; None for no jar."""
         for bundle in in_each_mode(self, copied=True):
-            bundle.replace(CLASS_DATA, None)  # later VMs warn that it belongs to another jar
+            bundle.replace(CDS_ARCHIVE, None)  # later VMs warn that it belongs to another jar
             bundle.replace(JAR, jar)
             self.assertEqual(
                 bundle.run("hello"),

@@ -78,7 +78,7 @@ class ImageTest(unittest.TestCase):
             [path.name for path in bundle.resource("../MacOS").iterdir()
              if not path.name.startswith("hs_err_pid")], ["OrvaneService"])
 
-    def test_without_class_data_or_with_truncated_ones_the_service_runs(self):
+    def test_without_a_CDS_archive_or_with_a_truncated_one_the_service_runs(self):
         for size in None, 1000:
             with self.subTest(size):
                 bundle = self.damaged("jre/lib/server/classes.jsa", size)

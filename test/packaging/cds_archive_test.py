@@ -10,7 +10,7 @@ import unittest
 import zipfile
 
 from support import ROOT, VERSION
-from support.bundle import CLASS_DATA, JAR, RESOURCES, Bundle, in_each_mode
+from support.bundle import CDS_ARCHIVE, JAR, RESOURCES, Bundle, in_each_mode
 from support.private_root import BUILD_DIR
 
 SCRIPT = ROOT / "operator/update-cds-archive"
@@ -108,13 +108,13 @@ class CdsArchiveTest(unittest.TestCase):
 
     def test_a_runtime_without_an_archive_starts_the_service(self):
         for bundle in in_each_mode(self, copied=True):
-            bundle.replace(CLASS_DATA, None)
+            bundle.replace(CDS_ARCHIVE, None)
             self.assertEqual(bundle.run("version"),
                              (0, bundle.stdout(b"version", service=f"{VERSION}\n".encode()), b""))
 
     def test_a_space_in_the_path_of_the_bundle_and_of_temporary_files_does_no_harm(self):
         bundle = Bundle(self, "/Users/two words", copied=True)
-        bundle.replace(CLASS_DATA, None)
+        bundle.replace(CDS_ARCHIVE, None)
         self.assert_updated(self.update(bundle, TMPDIR=str(bundle.root.path("/Users/two words"))))
         self.assertGreater(self.share(bundle), 0.95)
 
@@ -127,7 +127,7 @@ class CdsArchiveTest(unittest.TestCase):
 
     def test_a_service_that_never_ends_is_ended_by_SIGTERM(self):
         bundle = Bundle(self, copied=True)
-        bundle.replace(CLASS_DATA, None)
+        bundle.replace(CDS_ARCHIVE, None)
         self.assert_updated(self.update(bundle, "-t", "2", arguments=["stay"]))
 
     def test_training_that_fails_says_what_the_service_said_and_leaves_the_former_archive(self):
@@ -152,12 +152,12 @@ class CdsArchiveTest(unittest.TestCase):
                 bundle = Bundle(self, copied=True)
                 if changed:
                     wrap(bundle, *changed)
-                before = identity(bundle.resource(CLASS_DATA))
+                before = identity(bundle.resource(CDS_ARCHIVE))
                 status, text = self.update(bundle, arguments=arguments)
                 text = re.sub(r"(java:|service's )\d+", r"\1N", text)
                 text = re.sub(r"s\n(  \| .*\n)*  \| .*classes_nocoops.jsa.*\n(  \| .*\n)*", "s\n...\n", text)
                 self.assertEqual((status, text), (1, said))
-                self.assertEqual(identity(bundle.resource(CLASS_DATA)), before)
+                self.assertEqual(identity(bundle.resource(CDS_ARCHIVE)), before)
 
     def test_a_failed_training_fails_the_installation_and_names_the_variables(self):
         bundle = Bundle(self, copied=True)
@@ -177,7 +177,7 @@ class CdsArchiveTest(unittest.TestCase):
 
     def test_an_interrupted_run_takes_the_service_with_it_and_leaves_the_archive(self):
         bundle = Bundle(self, copied=True)
-        before = identity(bundle.resource(CLASS_DATA))
+        before = identity(bundle.resource(CDS_ARCHIVE))
         app = bundle.root.path("/Applications/Orvane.app")
         with subprocess.Popen([SCRIPT, app, "stay"], stderr=subprocess.PIPE) as script:
             children = pathlib.Path(f"/proc/{script.pid}/task/{script.pid}/children")
@@ -191,7 +191,7 @@ class CdsArchiveTest(unittest.TestCase):
         while command_of(services[0]) and time.monotonic() < deadline:
             time.sleep(0.01)
         self.assertEqual(command_of(services[0]), "")
-        self.assertEqual(identity(bundle.resource(CLASS_DATA)), before)
+        self.assertEqual(identity(bundle.resource(CDS_ARCHIVE)), before)
 
     def test_a_wrong_call_is_rejected_in_one_line(self):
         empty = BUILD_DIR / "test"

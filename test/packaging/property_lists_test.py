@@ -72,9 +72,3 @@ class PropertyLists(unittest.TestCase):
         text = (LAUNCHD / "com.vaultory.service.agent.plist.in").read_bytes()
         self.assertEqual(job("com.vaultory.service.agent", "@HOME@", "-Duser.install=1"),
                          plistlib.loads(text))
-
-    def test_only_the_owner_may_write_what_launchd_is_given(self):
-        self.assertEqual({
-            "com.vaultory.service.agent.plist.in": "-rw-r--r--",
-            "com.vaultory.service.plist": "-rw-r--r--",
-        }, {file.name: stat.filemode(file.stat().st_mode) for file in LAUNCHD.iterdir()})

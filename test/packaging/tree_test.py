@@ -9,7 +9,7 @@ import tempfile
 import unittest
 
 from support import CONTENTS
-from support.bundle import APPLICATIONS, CLASS_DATA
+from support.bundle import APPLICATIONS, CDS_ARCHIVE
 from support.private_root import BUILD_DIR
 
 LAUNCHER = [
@@ -80,7 +80,7 @@ class TreeTest(unittest.TestCase):
         self.install("--prefix", "/Applications", DESTDIR=str(self.folder))
         staged = self.folder / "Applications" / CONTENTS
         self.assertEqual(listing(staged), sorted(LAUNCHER + SERVICE))
-        self.assertTrue((staged / "Resources" / CLASS_DATA).is_file())
+        self.assertTrue((staged / "Resources" / CDS_ARCHIVE).is_file())
 
     def test_the_modes_do_not_depend_on_who_installs(self):
         self.install("--prefix", self.folder / "private", umask=0o077)
@@ -106,14 +106,15 @@ class TreeTest(unittest.TestCase):
         self.assertEqual(self.install("--prefix", self.folder), b"")
         self.assertEqual(inodes(self.folder), before)
 
-    def test_class_data_that_the_VM_refuses_is_made_anew(self):
+    def test_a_CDS_archive_that_the_VM_rejects_is_regenerated(self):
         self.install("--prefix", self.folder)
-        data = self.folder / CONTENTS / "Resources" / CLASS_DATA
+        data = self.folder / CONTENTS / "Resources" / CDS_ARCHIVE
         data.unlink()
         data.write_bytes(b"of another runtime")
         self.assertRegex(
             self.install("--prefix", self.folder),
-            rb"^Running the service once: \d+ s\nArchiving the classes it used: \d+ s\n$")
+            rb"^Running the service once: \d+ s\nArchiving the classes it loaded \(\w+\): \d+ s\n"
+            rb"Classes of the service that come from the archive: (\d+) of \1\n$")
         self.assertEqual(self.install("--prefix", self.folder), b"")
 
     def test_a_runtime_of_another_make_is_replaced_whole(self):

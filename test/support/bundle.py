@@ -11,7 +11,7 @@ from .private_root import BUILD_DIR, PrivateRoot
 APPLICATIONS = pathlib.Path(os.environ.get("APPLICATIONS", BUILD_DIR / "Applications"))
 RESOURCES = APPLICATIONS / CONTENTS / "Resources"
 JAR = "lib/com.vaultory.desktop.jar"
-CLASS_DATA = "jre/lib/server/classes.jsa"
+CDS_ARCHIVE = "jre/lib/server/classes.jsa"
 
 
 class Bundle:
