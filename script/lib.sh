@@ -64,10 +64,14 @@ need_test_tools() {
         /usr/include/gtest/gtest.h:libgtest-dev
 }
 
-# clang++, with the runtimes of its sanitizers and of libFuzzer.
+# clang++, with the runtimes of its sanitizers and of libFuzzer, libc++ (the C++ library of
+# macOS) and the sources of GoogleTest, to be compiled for it.
 need_clang() {
     local runtimes=/usr/lib/llvm-14/lib/clang/14.0.6/lib/linux
-    need clang++:clang "$runtimes/libclang_rt.fuzzer-$(uname -m).a:libclang-rt-14-dev"
+    need clang++:clang "$runtimes/libclang_rt.fuzzer-$(uname -m).a:libclang-rt-14-dev" \
+        /usr/lib/llvm-14/include/c++/v1/version:libc++-14-dev \
+        /usr/lib/llvm-14/lib/libc++abi.so:libc++abi-14-dev \
+        /usr/src/googletest/CMakeLists.txt:googletest
 }
 
 # build PRESET: configures where that has not been done, and builds.

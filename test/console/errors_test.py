@@ -1,6 +1,6 @@
 import unittest
 
-from support import expected
+from support import expected, platform
 from support.launcher import ABORTED, Launcher, Run
 
 ARGUMENTS = [b"a"]
@@ -14,18 +14,12 @@ FUNCTIONS = ["JNI_CreateJavaVM", "FindClass", "GetStaticMethodID", "AttachCurren
 DELETION, DETACHING, DESTRUCTION = len(FUNCTIONS), len(FUNCTIONS) + 1, len(FUNCTIONS) + 2
 
 TERMINATED = {
-    "int": b"terminate called after throwing an instance of 'int'\n",
-    "logic_error": b"terminate called after throwing an instance of 'std::logic_error'\n"
-                   b"  what():  a logic error\n",
-    "bad_alloc": b"terminate called after throwing an instance of 'std::bad_alloc'\n"
-                 b"  what():  std::bad_alloc\n",
-    "runtime_error": b"terminate called after throwing an instance of 'std::runtime_error'\n"
-                     b"  what():  a runtime error\n",
+    "int": platform.terminated(b"int"),
+    "logic_error": platform.terminated(b"std::logic_error", b"a logic error"),
+    "bad_alloc": platform.terminated(b"std::bad_alloc", b"std::bad_alloc"),
+    "runtime_error": platform.terminated(b"std::runtime_error", b"a runtime error"),
 }
 OTHER_KINDS = [kind for kind in TERMINATED if kind != "runtime_error"]
-
-# Where the program's copy of the C++ library ends a run that the runtime's copy threw in.
-TERMINATED_BY_OTHER_COPY = b"terminate called without an active exception\n"
 
 
 def printed_at(call):
@@ -84,4 +78,5 @@ class ErrorsTest(unittest.TestCase):
     def test_an_error_of_any_kind_while_something_is_released_ends_the_run_abnormally(self):
         for kind in TERMINATED:
             for call, function in (DELETION, "DeleteLocalRef"), (DESTRUCTION, "DestroyJavaVM"):
-                self.assert_abnormal_end(kind, call, function, TERMINATED_BY_OTHER_COPY)
+                self.assert_abnormal_end(kind, call, function,
+                                         platform.TERMINATED_BY_OTHER_COPY)

@@ -1,5 +1,6 @@
 #include "override_file.h"
 
+#include <dlfcn.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -38,10 +39,12 @@ std::vector<std::string> override_file::opened() {
     return std::exchange(run.opened, {});
 }
 
-/// Stands in front of the C library's for the whole program; std::ifstream opens with it.
-extern "C" FILE* fopen64(const char* path, const char* mode) {
+namespace {
+
+FILE* open(const char* path, const char* mode) {
     if (!run.underWay) {
-        return std::fopen(path, mode);
+        static const auto next = reinterpret_cast<decltype(&open)>(dlsym(RTLD_NEXT, "fopen64"));
+        return next(path, mode);
     }
     run.opened.push_back(std::string(mode) + " " + path);
     if (!run.exists || path != run.path) {
@@ -50,4 +53,14 @@ extern "C" FILE* fopen64(const char* path, const char* mode) {
     }
     lseek(run.memory, 0, SEEK_SET);
     return fdopen(dup(run.memory), mode);
+}
+
+}  // namespace
+
+/// Stand in front of the C library's for the whole program; std::ifstream opens with one of them.
+extern "C" FILE* fopen64(const char* path, const char* mode) {
+    return open(path, mode);
+}
+extern "C" FILE* fopen(const char* path, const char* mode) {
+    return open(path, mode);
 }
