@@ -48,12 +48,13 @@ need() {
 need_build_tools() {
     if [ "$(uname)" = Darwin ]; then
         xcode-select -p >/dev/null 2>&1 || die "no compiler: run xcode-select --install"
-        /usr/libexec/java_home >/dev/null 2>&1 || die "no JDK: install one, 11 or later, and call again"
+        [ -n "${JAVA_HOME:-}" ] || /usr/libexec/java_home >/dev/null 2>&1 || die "no JDK: install one, 11 or later, and call again"
         command -v cmake >/dev/null || die "no cmake: install 3.25 or later and call again"
     else
-        local jdk=()
-        [ -n "${JAVA_HOME:-}" ] || jdk=(jlink:openjdk-17-jdk-headless)
-        need g++:g++ make:make cmake:cmake python3:python3 "${jdk[@]}"
+        # No empty array: under "set -u" the bash of macOS, 3.2, takes one for unset.
+        set -- g++:g++ make:make cmake:cmake python3:python3
+        [ -n "${JAVA_HOME:-}" ] || set -- "$@" jlink:openjdk-17-jdk-headless
+        need "$@"
     fi
 }
 
