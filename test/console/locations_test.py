@@ -2,11 +2,9 @@ import os
 import unittest
 
 from support import CONTENTS, expected, platform
-from support.launcher import ABORTED, Launcher, Run, finished
+from support.launcher import ABORTED, LIBRARY, Launcher, Run, finished
 
 USER = b"-Duser.install=1"
-NO_RUNTIME = (b": error while loading shared libraries: libjvm.so: "
-              b"cannot open shared object file: No such file or directory\n")
 
 
 class LocationsTest(unittest.TestCase):
@@ -145,16 +143,17 @@ class LocationsTest(unittest.TestCase):
         self.assertEqual(self.launcher.run(cwd="/"), finished())
 
     def test_from_a_folder_without_a_runtime_the_program_does_not_start(self):
-        program = os.fsencode(self.launcher.program)
-        self.assertEqual(self.launcher.run(cwd="/Users"),
-                         Run(127, b"", program + NO_RUNTIME, [], normal_end=False))
+        run = self.launcher.run(cwd="/Users")
+        status, said = platform.no_runtime(self.launcher.program)
+        self.assertRegex(run.stderr, said)
+        self.assertEqual(run, Run(status, b"", run.stderr, [], normal_end=False))
 
     def test_the_runtime_is_found_in_the_server_folder_and_then_in_the_jli_folder(self):
         jre = f"/Applications/{CONTENTS}/Resources/jre/lib"
-        self.launcher.root.put(jre + "/jli/libjvm.so", b"not a library")
+        self.launcher.root.put(f"{jre}/jli/{LIBRARY}", b"not a library")
         self.assertEqual(self.launcher.run(), finished())
         self.launcher.put_runtime(f"/Applications/{CONTENTS}", "jli")
-        self.launcher.root.path(jre + "/server/libjvm.so").unlink()
+        self.launcher.root.path(f"{jre}/server/{LIBRARY}").unlink()
         self.assertEqual(self.launcher.run(), finished())
 
     def test_the_environment_does_not_count(self):

@@ -1,12 +1,15 @@
 """The installed launcher over the recording stand-in for the Java runtime."""
 
+import os
 import typing
 
 from . import CONTENTS, expected
-from .private_root import BUILD_DIR, PrivateRoot
+from .machine_root import Root
+from .private_root import BUILD_DIR
 
 PROGRAM = BUILD_DIR / "Applications" / CONTENTS / "MacOS/OrvaneService"
-RUNTIME = BUILD_DIR / "test/runtime/libjvm.so"
+LIBRARY = "libjvm.so" if os.uname().sysname == "Linux" else "libjvm.dylib"
+RUNTIME = BUILD_DIR / "test/runtime" / LIBRARY
 ABORTED = 128 + 6
 
 
@@ -31,14 +34,14 @@ class Launcher:
     root; the working directory is the launcher's folder unless a run says otherwise."""
 
     def __init__(self, test, applications="/Applications"):
-        self.root = PrivateRoot(test)
+        self.root = Root(test)
         self.folder = f"{applications}/{CONTENTS}/MacOS"
         self.program = self.folder + "/OrvaneService"
         self.root.put(self.program, PROGRAM)
         self.put_runtime(f"{applications}/{CONTENTS}")
 
     def put_runtime(self, contents, folder="server"):
-        self.root.put(f"{contents}/Resources/jre/lib/{folder}/libjvm.so", RUNTIME)
+        self.root.put(f"{contents}/Resources/jre/lib/{folder}/{LIBRARY}", RUNTIME)
 
     def put_override_file(self, content, home=""):
         """Writes the override file of an installation and returns where it lies."""
@@ -59,7 +62,7 @@ class Launcher:
     def run(self, *arguments, **how):
         """Runs the launcher to its end; arguments as for start."""
         record = self.root.path("/tmp/calls")
-        record.write_bytes(b"")
+        self.root.put("/tmp/calls", b"")
         with self.start(*arguments, **how) as process:
             result = process.finish()
         lines = record.read_text().splitlines()

@@ -1,7 +1,12 @@
-"""How the C++ libraries differ in what a test sees: libc++, a Mac's, and libstdc++."""
+"""How systems and C++ libraries (libc++, a Mac's, and libstdc++) differ in what a test sees."""
 
-from .launcher import PROGRAM
+import os
+import re
 
+from .launcher import ABORTED, PROGRAM
+from .machine_root import CANNOT_EXIST
+
+LINUX = os.uname().sysname == "Linux"
 LIBCXX = b"libc++" in PROGRAM.read_bytes()
 
 # After a read error, libc++ takes what was read of a line for a line, and does not retry an
@@ -15,6 +20,20 @@ SPARE_ALLOCATIONS = 10 if LIBCXX else 1
 # The end of a run in which the program's copy of the C++ library meets another copy's error.
 TERMINATED_BY_OTHER_COPY = (b"libc++abi: terminating\n" if LIBCXX else
                             b"terminate called without an active exception\n")
+
+
+def no_runtime(program):
+    """Status and, as an expression, standard error of a run that finds no libjvm."""
+    if LINUX:
+        return 127, (rb"\A" + re.escape(os.fsencode(program)) +
+                     rb": error while loading shared libraries: libjvm\.so: "
+                     rb"cannot open shared object file: No such file or directory\n\Z")
+    return ABORTED, rb"Library not loaded: @rpath/libjvm\.dylib"
+
+
+def require_packets(test):
+    if not LINUX:
+        test.skipTest(CANNOT_EXIST + "a local socket that keeps packets apart")
 
 
 def terminated(kind, what=None):
