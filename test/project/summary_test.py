@@ -18,6 +18,8 @@ class Summary(unittest.TestCase):
     def test_what_was_not_executed_is_named_and_where_it_could_have_been_fails_with_CI_set(self):
         for cases, said, status in (
                 (RAN, "1 of 1 tests executed\n", 0),
+                (RAN.replace("OK", "a\nleft out: b: c\nOK"),
+                 "left out: b: c\n1 of 1 tests executed\n", 0),
                 (RAN + LEFT_OUT.format(PART),
                  "not executed: a.c: no llvm\n1 of 2 tests executed\n", 1),
                 (RAN + LEFT_OUT.format("skipped: there is one JDK here"),

@@ -21,6 +21,10 @@ def main(file):
     tests = list(xml.etree.ElementTree.parse(file).getroot().iter("testcase"))
     left_out = {test.get("name"): reasons(test.findtext("system-out") or "")
                 for test in tests if test.get("status") in ("notrun", "disabled")}
+    for test in tests:
+        for line in re.findall("^left out: .*|^.* tests executed whole, .*",
+                               test.findtext("system-out") or "", re.MULTILINE):
+            print(line)
     for name, why in left_out.items():
         print(f"not executed: {name}: {'; '.join(dict.fromkeys(why))}")
     print(f"{len(tests) - len(left_out)} of {len(tests)} tests executed")

@@ -64,7 +64,7 @@ def main(files):
         sys.path.remove(folder)
     result = unittest.TextTestRunner(sys.stdout).run(suite)
     for test, reason in result.skipped:
-        print(f"left out: {test}: {reason}")
+        print(f"left out: {test.id().split('.', 1)[1]}: {reason}")
     skipped = {str(getattr(test, "test_case", test)) for test, _ in result.skipped}
     print(f"{result.testsRun - len(skipped)} of {result.testsRun} tests executed whole, "
           f"{len(skipped)} with something that cannot exist on a Mac")
