@@ -51,12 +51,13 @@ need() {
 need_build_tools() {
     if [ "$(uname)" = Darwin ]; then
         xcode-select -p >/dev/null 2>&1 || die "no compiler: run xcode-select --install"
-        /usr/libexec/java_home >/dev/null 2>&1 || die "no JDK: install one, 11 or later, and call again"
+        [ -n "${JAVA_HOME:-}" ] || /usr/libexec/java_home >/dev/null 2>&1 || die "no JDK: install one, 11 or later, and call again"
         command -v cmake >/dev/null || die "no cmake: install 3.25 or later and call again"
     else
-        local jdk=()
-        [ -n "${JAVA_HOME:-}" ] || jdk=(jlink:openjdk-17-jdk-headless)
-        need g++:g++ make:make cmake:cmake python3:python3 "${jdk[@]}"
+        # No empty array: under "set -u" the bash of macOS, 3.2, takes one for unset.
+        set -- g++:g++ make:make cmake:cmake python3:python3
+        [ -n "${JAVA_HOME:-}" ] || set -- "$@" jlink:openjdk-17-jdk-headless
+        need "$@"
     fi
 }
 
@@ -68,10 +69,14 @@ need_test_tools() {
         /usr/include/gtest/gtest.h:libgtest-dev
 }
 
-# clang++, with the runtimes of its sanitizers and of libFuzzer.
+# clang++, with the runtimes of its sanitizers and of libFuzzer, libc++ (the C++ library of
+# macOS) and the sources of GoogleTest, to be compiled for it.
 need_clang() {
     local runtimes=/usr/lib/llvm-14/lib/clang/14.0.6/lib/linux
-    need clang++:clang "$runtimes/libclang_rt.fuzzer-$(uname -m).a:libclang-rt-14-dev"
+    need clang++:clang "$runtimes/libclang_rt.fuzzer-$(uname -m).a:libclang-rt-14-dev" \
+        /usr/lib/llvm-14/include/c++/v1/version:libc++-14-dev \
+        /usr/lib/llvm-14/lib/libc++abi.so:libc++abi-14-dev \
+        /usr/src/googletest/CMakeLists.txt:googletest
 }
 
 # build PRESET: configures where that has not been done, and builds.

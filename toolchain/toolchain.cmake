@@ -34,6 +34,3 @@ if(MACOS_OTHER_SLICE)
     list(APPEND CMAKE_CXX_LINK_EXECUTABLE
         "llvm-lipo-14 -create <TARGET> \"${MACOS_OTHER_SLICE}\" -output <TARGET>")
 endif()
-
-# The runtime library is in the bundle alone; its stub names the one symbol asked of it.
-set(JAVA_JVM_LIBRARY ${CMAKE_CURRENT_LIST_DIR}/libjvm.tbd CACHE FILEPATH "")

@@ -2,7 +2,7 @@ import os
 import unittest
 
 from support import CONTENTS, expected, platform
-from support.launcher import ABORTED, Launcher, Run, finished
+from support.launcher import ABORTED, LIBRARY, Launcher, Run, finished
 
 USER = b"-Duser.install=1"
 
@@ -131,16 +131,17 @@ class LocationsTest(unittest.TestCase):
         self.assertEqual(self.launcher.run(cwd="/"), finished())
 
     def test_from_a_directory_without_a_runtime_the_program_does_not_start(self):
-        status, stderr = platform.not_loaded(os.fsencode(self.launcher.program))
-        self.assertEqual(self.launcher.run(cwd="/Users"),
-                         Run(status, b"", stderr, [], normal_end=False))
+        run = self.launcher.run(cwd="/Users")
+        status, said = platform.no_runtime(self.launcher.program)
+        self.assertRegex(run.stderr, said)
+        self.assertEqual(run, Run(status, b"", run.stderr, [], normal_end=False))
 
     def test_the_runtime_is_found_in_the_server_directory_and_then_in_the_jli_directory(self):
         jre = f"/Applications/{CONTENTS}/Resources/jre/lib"
-        self.launcher.root.put(jre + "/jli/libjvm.so", b"not a library")
+        self.launcher.root.put(f"{jre}/jli/{LIBRARY}", b"not a library")
         self.assertEqual(self.launcher.run(), finished())
         self.launcher.put_runtime(f"/Applications/{CONTENTS}", "jli")
-        self.launcher.root.path(jre + "/server/libjvm.so").unlink()
+        self.launcher.root.path(f"{jre}/server/{LIBRARY}").unlink()
         self.assertEqual(self.launcher.run(), finished())
 
     def test_variables_that_others_read_change_nothing(self):

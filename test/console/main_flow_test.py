@@ -2,7 +2,7 @@ import re
 import socket
 import unittest
 
-from support import expected
+from support import expected, platform
 from support.launcher import Launcher, Run, finished
 
 USER = b"-Duser.install=1"
@@ -18,6 +18,7 @@ class MainFlowTest(unittest.TestCase):
 
     def writes(self, launcher, *arguments, joined_stderr=False, **behaviour):
         """Each write of a run to standard output, the stand-in's record among them."""
+        platform.require_packets(self)
         ours, theirs = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
         streams = {"stdout": theirs, **({"stderr": theirs} if joined_stderr else {})}
         with ours:

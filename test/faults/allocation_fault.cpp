@@ -1,15 +1,19 @@
 /// Preloaded, lets one allocation of the program fail: the one whose number, from 1, the
-/// environment's ALLOCATION_FAULT gives; what libraries allocate counts for nothing. Writes
+/// environment's ALLOCATION_FAULT gives; what libraries allocate counts for nothing, but for
+/// the C++ library, where it is not in the program. Writes
 /// how many there were to /tmp/allocations when the program exits.
 
 #include <fcntl.h>
 #include <link.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 extern "C" void* __libc_malloc(std::size_t size);
 
@@ -20,9 +24,13 @@ struct Range {
     std::uintptr_t end = 0;
 };
 
-/// The first object listed is the program.
-int findProgram(dl_phdr_info* object, std::size_t, void* result) {
-    auto* const range = static_cast<Range*>(result);
+/// The first object listed is the program, whose name is empty; another may have operator new.
+int findRanges(dl_phdr_info* object, std::size_t, void* result) {
+    if (*object->dlpi_name != '\0' && std::strstr(object->dlpi_name, "/libc++abi.so") == nullptr) {
+        return 0;
+    }
+    auto* const ranges = static_cast<std::array<Range, 2>*>(result);
+    Range* const range = &(*ranges)[(*ranges)[0].end != 0];
     range->begin = object->dlpi_addr;
     for (int i = 0; i < object->dlpi_phnum; ++i) {
         const auto& segment = object->dlpi_phdr[i];
@@ -30,10 +38,10 @@ int findProgram(dl_phdr_info* object, std::size_t, void* result) {
             range->end = object->dlpi_addr + segment.p_vaddr + segment.p_memsz;
         }
     }
-    return 1;
+    return 0;
 }
 
-Range program;
+std::array<Range, 2> counted;
 long allocations = 0;
 
 __attribute__((destructor)) void report() {
@@ -45,11 +53,13 @@ __attribute__((destructor)) void report() {
 }  // namespace
 
 extern "C" void* malloc(std::size_t size) {
-    if (program.end == 0) {
-        dl_iterate_phdr(findProgram, &program);
+    if (counted[0].end == 0) {
+        dl_iterate_phdr(findRanges, &counted);
     }
     const auto caller = reinterpret_cast<std::uintptr_t>(__builtin_return_address(0));
-    if (program.begin <= caller && caller < program.end) {
+    if (std::any_of(counted.begin(), counted.end(), [caller](const Range& range) {
+            return range.begin <= caller && caller < range.end;
+        })) {
         const char* const fault = std::getenv("ALLOCATION_FAULT");
         if (fault != nullptr && std::atol(fault) == ++allocations) {
             errno = ENOMEM;

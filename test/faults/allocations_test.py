@@ -1,6 +1,6 @@
 import unittest
 
-from support import expected
+from support import expected, platform
 from support.launcher import ABORTED, Launcher, finished
 from support.private_root import BUILD_DIR
 
@@ -8,8 +8,7 @@ USER = b"-Duser.install=1"
 HOME = "/Users/alice"
 LINES = [b"-Xmx1g", b"-Dorv.security.mode=" + b"m" * 3000, b"-Djava.net.preferIPv4Stack=true"]
 ARGUMENTS = [b"first", b"a second one, longer than any string keeps within itself"]
-OUT_OF_MEMORY = (b"terminate called after throwing an instance of 'std::bad_alloc'\n"
-                 b"  what():  std::bad_alloc\n")
+OUT_OF_MEMORY = platform.terminated(b"std::bad_alloc", b"std::bad_alloc")
 INJECTOR = "/tmp/allocation_fault.so"
 
 
@@ -29,10 +28,11 @@ class AllocationsTest(unittest.TestCase):
     def test_whichever_allocation_fails_the_run_ends_abnormally_there(self):
         self.assertEqual(self.run_failing(0), self.finished)
         allocations = int(self.launcher.root.path("/tmp/allocations").read_text())
+        self.assertGreater(allocations, 50)
         went_on = []
         for allocation in range(1, allocations + 1):
             run = self.run_failing(allocation)
-            if run == self.finished:
+            if run == self.finished or platform.LIBCXX and run.stdout == self.finished.stdout:
                 went_on.append(allocation)
                 continue
             with self.subTest(allocation=allocation):
@@ -40,5 +40,4 @@ class AllocationsTest(unittest.TestCase):
                 self.assertEqual(run.stdout, self.finished.stdout[:len(run.stdout)])
                 self.assertEqual(run.calls, self.finished.calls[:len(run.calls)])
                 self.assertNotIn(expected.COMPLETE, run.stdout)
-        # The C++ library can do without what it sets aside for errors thrown without memory.
-        self.assertLessEqual(len(went_on), 1)
+        self.assertLessEqual(len(went_on), platform.SPARE_ALLOCATIONS)

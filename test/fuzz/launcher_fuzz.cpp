@@ -8,6 +8,7 @@
 ///     texts      the executable's path, then the arguments, each up to a zero byte
 ///     the rest   the override file
 
+#include <dlfcn.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -176,10 +177,11 @@ void show(const std::string& whose, const Outcome& outcome) {
 
 }  // namespace
 
-/// Replaces the C library's in the whole program; std::ifstream opens with it.
-extern "C" FILE* fopen64(const char* path, const char* mode) {
+/// Both replace the C library's in the whole program; std::ifstream opens with one of them.
+extern "C" FILE* fopen(const char* path, const char* mode) {
     if (!files.underWay) {
-        return std::fopen(path, mode);
+        static const auto next = reinterpret_cast<decltype(&fopen)>(dlsym(RTLD_NEXT, "fopen"));
+        return next(path, mode);
     }
     files.opened.push_back(std::string(mode) + " " + path);
     if (!files.exist) {
@@ -188,6 +190,9 @@ extern "C" FILE* fopen64(const char* path, const char* mode) {
     }
     lseek(files.memory, 0, SEEK_SET);
     return fdopen(dup(files.memory), mode);
+}
+extern "C" FILE* fopen64(const char* path, const char* mode) {
+    return fopen(path, mode);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);

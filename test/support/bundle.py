@@ -6,7 +6,8 @@ import pathlib
 import shutil
 
 from . import CONTENTS, expected
-from .private_root import BUILD_DIR, PrivateRoot
+from .machine_root import Root
+from .private_root import BUILD_DIR
 
 APPLICATIONS = pathlib.Path(os.environ.get("APPLICATIONS", BUILD_DIR / "Applications"))
 RESOURCES = APPLICATIONS / CONTENTS / "Resources"
@@ -19,12 +20,13 @@ class Bundle:
     home: the installed one itself, read-only, or a copy of it for the test to change."""
 
     def __init__(self, test, home="", copied=False, applications=APPLICATIONS):
-        self.root = PrivateRoot(test)
+        self.root = Root(test)
         self.home = home
         self.contents = f"{home}/Applications/{CONTENTS}"
         if copied:
-            shutil.copytree(applications, self.root.path(home + "/Applications"), symlinks=True,
-                            copy_function=linked, dirs_exist_ok=True)
+            for app in applications.iterdir():
+                shutil.copytree(app, self.root.path(f"{home}/Applications/{app.name}"),
+                                symlinks=True, copy_function=linked)
         else:
             self.root.path(home + "/Applications").mkdir(parents=True, exist_ok=True)
             self.root.bind(applications, home + "/Applications")
@@ -76,10 +78,13 @@ class Bundle:
 
 
 def in_each_mode(test, **how):
-    """A system-wide bundle and a per-user one."""
-    return [Bundle(test, home, **how) for home in ("", "/Users/alice")]
+    """A system-wide bundle and then a per-user one."""
+    return (Bundle(test, home, **how) for home in ("", "/Users/alice"))
 
 
 def linked(source, target):
-    """Copies a file without its bytes: what a test changes, it replaces."""
-    os.link(source, target)
+    """Copies a file without its bytes where it can: what a test changes, it replaces."""
+    try:
+        os.link(source, target)
+    except OSError:
+        shutil.copy2(source, target)

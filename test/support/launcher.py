@@ -5,16 +5,18 @@ import os
 import typing
 
 from . import CONTENTS, ROOT, expected
-from .private_root import BUILD_DIR, PrivateRoot
+from .machine_root import Root
+from .private_root import BUILD_DIR
 
 SLICE = os.environ.get("SLICE")  # x86_64 or arm64
+LIBRARY = "libjvm.so" if os.uname().sysname == "Linux" else "libjvm.dylib"
 if SLICE:
     MACHO_FILE = os.environ.get("MACHO_FILE", ROOT / "build/macos-universal/src/OrvaneService")
     PROGRAM = ROOT / "build/macho" / SLICE / "loader"
-    RUNTIME = ROOT / "build/macho" / SLICE / "libjvm.so"
+    RUNTIME = ROOT / "build/macho" / SLICE / LIBRARY
 else:
     PROGRAM = BUILD_DIR / "Applications" / CONTENTS / "MacOS/OrvaneService"
-    RUNTIME = BUILD_DIR / "test/runtime/libjvm.so"
+    RUNTIME = BUILD_DIR / "test/runtime" / LIBRARY
 EMULATOR = ["qemu-aarch64-static", "-L", "/usr/aarch64-linux-gnu"] if SLICE == "arm64" else []
 ABORTED = 128 + 6
 
@@ -40,7 +42,7 @@ class Launcher:
     root; the working directory is the launcher's folder unless a run says otherwise."""
 
     def __init__(self, test, applications="/Applications"):
-        self.root = PrivateRoot(test)
+        self.root = Root(test)
         self.folder = f"{applications}/{CONTENTS}/MacOS"
         self.program = self.folder + "/OrvaneService"
         self.root.put(self.program, PROGRAM)
@@ -50,7 +52,7 @@ class Launcher:
         self.put_runtime(f"{applications}/{CONTENTS}")
 
     def put_runtime(self, contents, folder="server"):
-        self.root.put(f"{contents}/Resources/jre/lib/{folder}/libjvm.so", RUNTIME)
+        self.root.put(f"{contents}/Resources/jre/lib/{folder}/{LIBRARY}", RUNTIME)
 
     def put_override_file(self, content, home=""):
         """Writes the override file of an installation and returns where it lies."""
@@ -72,7 +74,7 @@ class Launcher:
     def run(self, *arguments, **how):
         """Runs the launcher to its end; arguments as for start."""
         record = self.root.path("/tmp/calls")
-        record.write_bytes(b"")
+        self.root.put("/tmp/calls", b"")
         with self.start(*arguments, **how) as process:
             result = process.finish()
         lines = record.read_text().splitlines()

@@ -1,6 +1,12 @@
-"""What depends on the platform and on the C++ library: a Mac's libc++, or libstdc++."""
+"""How systems and C++ libraries (libc++, a Mac's, and libstdc++) differ in what a test sees."""
 
-from .launcher import PROGRAM, SLICE
+import os
+import re
+
+from .launcher import ABORTED, PROGRAM, SLICE
+from .machine_root import CANNOT_EXIST
+
+LINUX = os.uname().sysname == "Linux"
 
 # A slice has libc++ in it; the program that starts it, the loader, has not.
 LIBCXX = bool(SLICE) or b"libc++" in PROGRAM.read_bytes()
@@ -9,11 +15,15 @@ LIBCXX = bool(SLICE) or b"libc++" in PROGRAM.read_bytes()
 # interrupted read; libstdc++ drops the one and retries the other.
 KEEPS_LINE_CUT_SHORT = RETRIES_NO_READ = LIBCXX
 
+# Allocations that a run can do without: what libstdc++ sets aside for errors; with libc++,
+# which has no copy in the program, those of the stand-in's record.
+SPARE_ALLOCATIONS = 10 if LIBCXX else 1
+
 # The stand-in's errors come out of libstdc++. A libc++ that is linked into the program knows
 # nothing of them: main catches none, not even a runtime error.
 FOREIGN_ERRORS = bool(SLICE)
 
-# The emulator's own word on every abort.
+# The emulator's own line for every abort.
 _EMULATOR = (b"qemu: uncaught target signal 6 (Aborted) - core dumped\n" if SLICE == "arm64"
              else b"")
 
@@ -21,6 +31,22 @@ _EMULATOR = (b"qemu: uncaught target signal 6 (Aborted) - core dumped\n" if SLIC
 TERMINATED_BY_OTHER_COPY = (b"libc++abi: terminating due to uncaught foreign exception\n" if SLICE
                             else b"libc++abi: terminating\n" if LIBCXX
                             else b"terminate called without an active exception\n") + _EMULATOR
+
+
+def no_runtime(program):
+    """Status and, as an expression, standard error of a run that finds no libjvm."""
+    if SLICE:
+        return 70, rb"\Amacho: Library not loaded: @rpath/libjvm\.dylib\n\Z"
+    if LINUX:
+        return 127, (rb"\A" + re.escape(os.fsencode(program)) +
+                     rb": error while loading shared libraries: libjvm\.so: "
+                     rb"cannot open shared object file: No such file or directory\n\Z")
+    return ABORTED, rb"Library not loaded: @rpath/libjvm\.dylib"
+
+
+def require_packets(test):
+    if not LINUX:
+        test.skipTest(CANNOT_EXIST + "a local socket that keeps packets apart")
 
 
 def terminated(kind, what=None, thrown_by_runtime=False):
@@ -37,11 +63,3 @@ def out_of_range(size):
     """Likewise, for a directory of this size in which the sixth byte was asked for."""
     return terminated(b"std::out_of_range", b"basic_string" if LIBCXX else
                       b"basic_string::substr: __pos (which is 6) > this->size() (which is %d)" % size)
-
-
-def not_loaded(program):
-    """Exit status and standard error of a program that finds no runtime library."""
-    if SLICE:
-        return 70, b"macho: Library not loaded: @rpath/libjvm.dylib\n"
-    return 127, program + (b": error while loading shared libraries: libjvm.so: "
-                           b"cannot open shared object file: No such file or directory\n")
