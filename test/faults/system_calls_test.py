@@ -4,6 +4,7 @@ in turn."""
 import re
 import unittest
 
+from support import platform
 from support.launcher import Launcher, finished
 
 LINES = [b"-Xmx%dm" % size + b" " * 3000 for size in range(1, 9)]
@@ -12,7 +13,7 @@ TRACE = "/tmp/trace"
 
 # Calls that touch neither a file's content nor another process, and those of the dynamic loader.
 HARMLESS = (r"brk|mmap|munmap|mprotect|futex|getrandom|arch_prctl|set_tid_address|set_robust_list|"
-            r"rseq|prlimit64|gettid|getpid|(newfstatat|fstat)\(\d")
+            r"rseq|prlimit64|gettid|getpid|(newfstatat|fstat|lseek)\(\d")
 LOADER = (r'execve\(|getcwd\(|f?access(at)?\(.*ld\.so|openat\(.*\.so[.\d]*(cache)?", O_RDONLY\|O|'
           r"(read|pread64|close)\(\d+<[^>]*\.so[.\d]*(cache)?>")
 
@@ -53,7 +54,7 @@ class SystemCallsTest(unittest.TestCase):
         """How many reads a run makes that nothing disturbs, which makes no other calls."""
         run, calls = self.run_traced()
         self.assertEqual(run, finished(lines=LINES))
-        names = [name for name, _ in calls]
+        names = [name for name, _ in calls if name not in ("newfstatat", "lseek")]  # of libc++
         self.assertEqual(names, ["openat", *["read"] * (len(names) - 2), "close"])
         self.assertGreater(len(names), 4)
         return len(names) - 2
@@ -85,14 +86,19 @@ class SystemCallsTest(unittest.TestCase):
                     run, calls = self.run_failing("read", error, number)
                     read = sum(int(result) for name, result in calls
                                if name == "read" and result != "-1")
-                    whole = read // len(LINES[0] + b"\n")
-                    self.assertEqual(run, finished(lines=LINES[:whole]))
+                    lines = (b"\n".join(LINES) + b"\n")[:read].split(b"\n")
+                    if not platform.KEEPS_LINE_CUT_SHORT or not lines[-1]:
+                        lines.pop()
+                    self.assertEqual(run, finished(lines=lines))
 
     def test_an_interrupted_read_is_repeated(self):
         for number in range(1, self.reads() + 1):
             with self.subTest(number=number):
-                self.assertEqual(self.run_failing("read", "EINTR", number)[0],
-                                 finished(lines=LINES))
+                run, calls = self.run_failing("read", "EINTR", number)
+                if platform.RETRIES_NO_READ:
+                    self.assertLess(len(run.calls[0]), len(finished(lines=LINES).calls[0]))
+                else:
+                    self.assertEqual(run, finished(lines=LINES))
 
     def test_an_error_of_closing_is_of_no_consequence(self):
         for error in "EIO", "EINTR", "EBADF":

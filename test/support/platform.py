@@ -2,8 +2,7 @@
 
 from .launcher import PROGRAM, SLICE
 
-# A slice has libc++ in it; the program that starts it, the loader, has not.
-LIBCXX = bool(SLICE) or b"libc++" in PROGRAM.read_bytes()
+LIBCXX = b"libc++" in PROGRAM.read_bytes()
 
 # After a read error, libc++ takes what was read of a line for a line, and does not retry an
 # interrupted read; libstdc++ drops the one and retries the other.
@@ -14,13 +13,13 @@ KEEPS_LINE_CUT_SHORT = RETRIES_NO_READ = LIBCXX
 FOREIGN_ERRORS = bool(SLICE)
 
 # The emulator's own word on every abort.
-_EMULATOR = (b"qemu: uncaught target signal 6 (Aborted) - core dumped\n" if SLICE == "arm64"
+EMULATORS_WORD = (b"qemu: uncaught target signal 6 (Aborted) - core dumped\n" if SLICE == "arm64"
              else b"")
 
 # The end of a run in which the program's copy of the C++ library meets another copy's error.
 TERMINATED_BY_OTHER_COPY = (b"libc++abi: terminating due to uncaught foreign exception\n" if SLICE
                             else b"libc++abi: terminating\n" if LIBCXX
-                            else b"terminate called without an active exception\n") + _EMULATOR
+                            else b"terminate called without an active exception\n") + EMULATORS_WORD
 
 
 def terminated(kind, what=None, thrown_by_runtime=False):
@@ -28,9 +27,9 @@ def terminated(kind, what=None, thrown_by_runtime=False):
     if LIBCXX and not (FOREIGN_ERRORS and thrown_by_runtime):
         return (b"libc++abi: terminating " + (b"due to" if SLICE else b"with") +
                 b" uncaught exception of type " + kind +
-                (b"" if what is None else b": " + what) + b"\n" + _EMULATOR)
+                (b"" if what is None else b": " + what) + b"\n" + EMULATORS_WORD)
     return (b"terminate called after throwing an instance of '" + kind + b"'\n" +
-            (b"" if what is None else b"  what():  " + what + b"\n") + _EMULATOR)
+            (b"" if what is None else b"  what():  " + what + b"\n") + EMULATORS_WORD)
 
 
 def out_of_range(size):
@@ -42,6 +41,6 @@ def out_of_range(size):
 def not_loaded(program):
     """Exit status and standard error of a program that finds no runtime library."""
     if SLICE:
-        return 70, b"macho: Library not loaded: @rpath/libjvm.dylib\n"
+        return 128 + 6, b"macho: Library not loaded: @rpath/libjvm.dylib\n" + EMULATORS_WORD
     return 127, program + (b": error while loading shared libraries: libjvm.so: "
                            b"cannot open shared object file: No such file or directory\n")
