@@ -55,18 +55,6 @@ std::uint64_t Reader::uleb() {
     }
 }
 
-std::int64_t Reader::sleb() {
-    std::uint64_t value = 0;
-    for (unsigned shift = 7;; shift += 7) {
-        const auto byte = take<std::uint8_t>();
-        value |= static_cast<std::uint64_t>(byte & 0x7FU) << (shift - 7);
-        if (byte < 0x80) {
-            const bool negative = (byte & 0x40U) != 0 && shift < 64;
-            return static_cast<std::int64_t>(negative ? value | ~0ULL << shift : value);
-        }
-    }
-}
-
 std::string Reader::text() {
     const std::string value = reinterpret_cast<const char*>(next);
     next += value.size() + 1;
@@ -111,12 +99,12 @@ Image::Image(const std::uint8_t* contents) : file(contents) {
             file + at<std::uint32_t>(fixes + field),
             file + at<std::uint32_t>(fixes + field) + at<std::uint32_t>(fixes + field + 4));
     };
-    rebase({table(8).first}, table(8).second);
-    bind({table(16).first}, table(16).second);
+    fix({table(8).first}, table(8).second, REBASE);
+    fix({table(16).first}, table(16).second, BIND);
     if (table(24).first != table(24).second) {
         fail("weak binding is not understood");
     }
-    bind({table(32).first}, table(32).second);
+    fix({table(32).first}, table(32).second, BIND);
     for (const Segment& segment : segments) {
         if (segment.size != 0) {
             mprotect(segment.begin, segment.size, segment.protection);
@@ -211,117 +199,60 @@ std::uint8_t* Image::place(std::size_t segment, std::uint64_t offset) const {
     return found.begin + offset;
 }
 
-void Image::rebase(Reader in, const std::uint8_t* end) const {
+/// What the opcodes of both tables do; the upper half of a byte is the opcode, the lower half an
+/// operand. FIX comes with how often, and what is skipped after each pointer.
+// clang-format off
+enum Image::Action : std::uint8_t {
+    NONE, DONE, TYPE, LIBRARY, LIBRARY_ULEB, SYMBOL, SEGMENT, ADD, ADD_WORDS, FIX_ONE, FIX_TIMES,
+    FIX_ULEB, FIX_SKIP_ULEB, FIX_SKIP_WORDS, FIX_ULEB_SKIP_ULEB,
+};
+constexpr Image::Action Image::REBASE[16] = {
+    DONE, TYPE, SEGMENT, ADD, ADD_WORDS, FIX_TIMES, FIX_ULEB, FIX_SKIP_ULEB, FIX_ULEB_SKIP_ULEB};
+constexpr Image::Action Image::BIND[16] = {
+    DONE, LIBRARY, LIBRARY_ULEB, NONE, SYMBOL, TYPE, NONE, SEGMENT, ADD, FIX_ONE, FIX_SKIP_ULEB,
+    FIX_SKIP_WORDS, FIX_ULEB_SKIP_ULEB};
+// clang-format on
+
+/// Follows a table of opcodes. DONE stands between the symbols of the lazy one, and fills the
+/// end of every table.
+void Image::fix(Reader in, const std::uint8_t* end, const Action (&actions)[16]) const {
     std::size_t segment = 0;
     std::uint64_t offset = 0;
+    std::uint64_t library = 0;
+    std::string symbol;
     const auto fix = [&](std::uint64_t times, std::uint64_t skipped) {
         for (; times > 0; --times, offset += sizeof(void*) + skipped) {
             std::uint8_t* const pointer = place(segment, offset);
-            const std::uint64_t value =
-                at<std::uint64_t>(pointer) - lowest + reinterpret_cast<std::uint64_t>(memory);
+            const void* const value = library != 0 ? resolve(library, symbol)
+                                                   : memory + (at<std::uint64_t>(pointer) - lowest);
             std::memcpy(pointer, &value, sizeof value);
         }
     };
     while (in.next < end) {
         const auto byte = in.take<std::uint8_t>();
         const std::uint64_t low = byte & 0xFU;
-        switch (byte & 0xF0U) {
-            case 0x00:
-                return;
-            case 0x10:
-                if (low != 1) {
-                    fail("rebase type " + hex(low) + " is not understood");
-                }
-                break;
-            case 0x20:
-                segment = low;
-                offset = in.uleb();
-                break;
-            case 0x30:
-                offset += in.uleb();
-                break;
-            case 0x40:
-                offset += low * sizeof(void*);
-                break;
-            case 0x50:
-                fix(low, 0);
-                break;
-            case 0x60:
-                fix(in.uleb(), 0);
-                break;
-            case 0x70:
-                fix(1, in.uleb());
-                break;
-            case 0x80: {
-                const std::uint64_t times = in.uleb();
-                fix(times, in.uleb());
-                break;
-            }
+        const Action action = actions[byte >> 4U];
+        const bool times = action == FIX_ULEB || action == FIX_ULEB_SKIP_ULEB;
+        const std::uint64_t count = times ? in.uleb() : action == FIX_TIMES ? low : 1;
+        switch (action) {
+            // clang-format off
+            case DONE: break;
+            case LIBRARY: library = low; break;
+            case LIBRARY_ULEB: library = in.uleb(); break;
+            case SEGMENT: segment = low; offset = in.uleb(); break;
+            case ADD: offset += in.uleb(); break;
+            case ADD_WORDS: offset += low * sizeof(void*); break;
+            case FIX_ONE: case FIX_TIMES: case FIX_ULEB: fix(count, 0); break;
+            case FIX_SKIP_ULEB: case FIX_ULEB_SKIP_ULEB: fix(count, in.uleb()); break;
+            case FIX_SKIP_WORDS: fix(count, low * sizeof(void*)); break;
+            // clang-format on
             default:
-                fail("rebase opcode " + hex(byte) + " is not understood");
-        }
-    }
-}
-
-void Image::bind(Reader in, const std::uint8_t* end) const {
-    std::size_t segment = 0;
-    std::uint64_t offset = 0;
-    std::uint64_t ordinal = 0;
-    std::int64_t addend = 0;
-    std::string symbol;
-    const auto fix = [&](std::uint64_t times, std::uint64_t skipped) {
-        for (; times > 0; --times, offset += sizeof(void*) + skipped) {
-            const auto* const value =
-                static_cast<const std::uint8_t*>(resolve(ordinal, symbol)) + addend;
-            std::memcpy(place(segment, offset), &value, sizeof value);
-        }
-    };
-    while (in.next < end) {
-        const auto byte = in.take<std::uint8_t>();
-        const std::uint64_t low = byte & 0xFU;
-        switch (byte & 0xF0U) {
-            case 0x00:
-                break;  // between lazy ones; zeros at the end
-            case 0x10:
-                ordinal = low;
-                break;
-            case 0x20:
-                ordinal = in.uleb();
-                break;
-            case 0x40:
-                symbol = in.text();
-                break;
-            case 0x50:
-                if (low != 1) {
-                    fail("bind type " + hex(low) + " is not understood");
+                if (action == SYMBOL && low == 0) {  // not weak
+                    symbol = in.text();
+                } else if (action != TYPE || low != 1) {  // a pointer
+                    fail((&actions == &BIND ? "bind opcode " : "rebase opcode ") + hex(byte) +
+                         " is not understood");
                 }
-                break;
-            case 0x60:
-                addend = in.sleb();
-                break;
-            case 0x70:
-                segment = low;
-                offset = in.uleb();
-                break;
-            case 0x80:
-                offset += in.uleb();
-                break;
-            case 0x90:
-                fix(1, 0);
-                break;
-            case 0xA0:
-                fix(1, in.uleb());
-                break;
-            case 0xB0:
-                fix(1, low * sizeof(void*));
-                break;
-            case 0xC0: {
-                const std::uint64_t times = in.uleb();
-                fix(times, in.uleb());
-                break;
-            }
-            default:
-                fail("bind opcode " + hex(byte) + " is not understood");
         }
     }
 }

@@ -28,7 +28,6 @@ struct Reader {
         return value;
     }
     std::uint64_t uleb();
-    std::int64_t sleb();
     std::string text();
 };
 
@@ -63,8 +62,10 @@ private:
     void reserve();
     void addSegment(const std::uint8_t* command);
     void loadLibraries();
-    void rebase(Reader in, const std::uint8_t* end) const;
-    void bind(Reader in, const std::uint8_t* end) const;
+    enum Action : std::uint8_t;
+    static const Action REBASE[16];
+    static const Action BIND[16];
+    void fix(Reader in, const std::uint8_t* end, const Action (&actions)[16]) const;
     void* resolve(std::uint64_t ordinal, const std::string& name) const;
     std::uint8_t* place(std::size_t segment, std::uint64_t offset) const;
 

@@ -217,8 +217,7 @@ Entry copied(const std::uint8_t* fde) {
     const auto version = head.take<std::uint8_t>();
     const std::string augmentation = head.text();
     const std::uint64_t codeFactor = head.uleb();
-    const std::int64_t dataFactor = head.sleb();
-    if (version != 1 || codeFactor != 1 || dataFactor != -8 ||
+    if (version != 1 || codeFactor != 1 || head.take<std::uint8_t>() != 0x78 ||  // -8
         head.take<std::uint8_t>() != RETURN_ADDRESS || augmentation[0] != 'z') {
         fail("an entry of __eh_frame is not understood");
     }

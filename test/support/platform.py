@@ -13,8 +13,8 @@ KEEPS_LINE_CUT_SHORT = RETRIES_NO_READ = LIBCXX
 FOREIGN_ERRORS = bool(SLICE)
 
 # The emulator's own word on every abort.
-EMULATORS_WORD = (b"qemu: uncaught target signal 6 (Aborted) - core dumped\n" if SLICE == "arm64"
-             else b"")
+EMULATORS_WORD = (b"qemu: uncaught target signal 6 (Aborted) - core dumped\n"
+                  if SLICE == "arm64" else b"")
 
 # The end of a run in which the program's copy of the C++ library meets another copy's error.
 TERMINATED_BY_OTHER_COPY = (b"libc++abi: terminating due to uncaught foreign exception\n" if SLICE
