@@ -177,7 +177,9 @@ void Image::loadLibraries() {
         for (const std::string& path : runPaths) {
             const std::string name = path + "/libjvm.so";
             const int found = open(name.c_str(), O_RDONLY | O_CLOEXEC);
-            close(found);
+            if (found >= 0) {
+                close(found);
+            }
             if (library == "@rpath/libjvm.dylib" && runtime == nullptr && found >= 0) {
                 runtime = dlopen(name.c_str(), RTLD_NOW);
                 if (runtime == nullptr) {
