@@ -5,6 +5,7 @@ import os
 import pathlib
 import re
 import shutil
+import struct
 import subprocess
 import sys
 import tempfile
@@ -19,10 +20,19 @@ TARGET = {"x86_64": "x86_64", "arm64": "aarch64"}[SLICE]
 DIRECTORY = PROGRAM.parent
 CONTENT = (DIRECTORY / "slice").read_bytes()
 UNIX_THREAD, LC_UUID, LC_DYLD_INFO_ONLY = 0x5, 0x1B, 0x80000022
-# The encodings of unwinding entries that all pages share follow a head of seven words.
-UNWIND_INFO = CONTENT.index(b"\x01\0\0\0\x1c\0\0\0")
-ENCODINGS = UNWIND_INFO + 28
-ENCODING_COUNT = int.from_bytes(CONTENT[UNWIND_INFO + 8:UNWIND_INFO + 12], "little")
+UNWIND_INFO = CONTENT.index(b"\x01\0\0\0\x1c\0\0\0")  # the section: version, size of its head
+
+
+def encodings():
+    """Where the encodings of unwinding entries are: those that all pages share, each page's own."""
+    info = memoryview(CONTENT)[UNWIND_INFO:]
+    shared, count, _, _, index, pages = struct.unpack_from("<6I", info, 4)
+    lists = [(shared, count)]
+    for page in range(pages - 1):
+        (begin,) = struct.unpack_from("<I", info, index + 12 * page + 4)
+        offset, own = struct.unpack_from("<2H", info, begin + 8)
+        lists.append((begin + offset, own))
+    return [UNWIND_INFO + begin + 4 * i for begin, number in lists for i in range(number)]
 
 
 def changed(old, new):
@@ -33,10 +43,12 @@ def changed(old, new):
     return program.replace(CONTENT, CONTENT.replace(old, new))
 
 
-def changed_at(offset, new):
+def changed_at(bytes_):
+    """The program with bytes of its slice replaced, {offset: byte}."""
     program = bytearray(PROGRAM.read_bytes())
-    offset += program.index(CONTENT)
-    program[offset:offset + len(new)] = new
+    begin = program.index(CONTENT)
+    for offset, byte in bytes_.items():
+        program[begin + offset] = byte
     return bytes(program)
 
 
@@ -76,12 +88,15 @@ class LoaderTest(unittest.TestCase):
         for field, opcode, kind in (8, 0xF0, b"rebase"), (16, 0xE0, b"bind"), (32, 0xD0, b"bind"):
             offset = int.from_bytes(command[field:field + 4], "little")
             with self.subTest(kind):
-                self.assert_ended(changed_at(offset, bytes([opcode])),
+                self.assert_ended(changed_at({offset: opcode}),
                                   kind + b" opcode 0x%x is not understood" % opcode)
 
     def test_an_unwinding_entry_that_is_not_understood_is_named(self):
-        self.assert_ended(changed_at(ENCODINGS, b"\0\0\0\x0f" * ENCODING_COUNT),
-                          b"unwinding entry 0x0f000000 is not understood")
+        offset = next(at for at in encodings() if CONTENT[at + 3] == 2)
+        encoding = CONTENT[offset:offset + 3] + b"\x0f"
+        self.assert_ended(
+            changed_at({offset + 3: 0x0F}),
+            b"unwinding entry 0x%08x is not understood" % int.from_bytes(encoding, "little"))
 
     def test_an_error_passes_a_function_of_each_kind_and_destroys_its_objects(self):
         (zig,) = (ROOT / "build/zig/node_modules/@oven").glob("zig-linux-*/zig")
@@ -134,16 +149,17 @@ class ChangedSliceTest(unittest.TestCase):
         self.assert_status(PROGRAM.read_bytes(), 0)
 
     def test_an_option_with_a_byte_changed_is_noticed(self):
-        self.assert_status(changed(b"-Dsun.jnu.encoding=UTF-8", b"-Dsun.jnu.encoding=UTF-9"), 1)
+        # One that the compiler has not made part of the instructions.
+        option = b"-Dorv.installation.enforcement.enabled=true"
+        self.assert_status(changed(option, option[:-1] + b"f"), 1)
 
     def test_a_run_path_with_a_byte_changed_is_noticed(self):
         self.assert_status(changed(b"../Resources/jre/lib/server", b"../Resources/jre/lib/servex"),
                            1)
 
     def test_a_function_without_its_personality_is_noticed(self):
-        if SLICE == "x86_64":  # the flags of compact entries, in the list that all pages share
-            flags = bytearray(CONTENT[ENCODINGS:ENCODINGS + 4 * ENCODING_COUNT])
-            flags[3::4] = bytes(byte & 0x0F for byte in flags[3::4])
-            self.assert_status(changed_at(ENCODINGS, flags), 1)
+        if SLICE == "x86_64":  # the flags of compact entries
+            flags = {at + 3: CONTENT[at + 3] & 0x0F for at in encodings()}
+            self.assert_status(changed_at(flags), 1)
         else:  # DWARF: a letter that says there is one
             self.assert_status(changed(b"zPLR\0", b"zRLR\0"), 1)
