@@ -1,5 +1,5 @@
-"""The macOS executable that script/cross-macos makes: what LLVM's tools print of each slice, and its
-signature, which they do not read."""
+"""The macOS executable that script/cross-macos makes: what LLVM's tools print of each slice, and
+its signature, which they do not read."""
 import filecmp
 import os
 import pathlib

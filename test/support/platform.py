@@ -19,7 +19,8 @@ EMULATORS_WORD = (b"qemu: uncaught target signal 6 (Aborted) - core dumped\n"
 # The end of a run in which the program's copy of the C++ library meets another copy's error.
 TERMINATED_BY_OTHER_COPY = (b"libc++abi: terminating due to uncaught foreign exception\n" if SLICE
                             else b"libc++abi: terminating\n" if LIBCXX
-                            else b"terminate called without an active exception\n") + EMULATORS_WORD
+                            else b"terminate called without an active exception\n"
+                            ) + EMULATORS_WORD
 
 
 def terminated(kind, what=None, thrown_by_runtime=False):
