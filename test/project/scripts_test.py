@@ -37,4 +37,5 @@ class Scripts(unittest.TestCase):
         for text in SCRIPTS:
             self.assertNotRegex(text, r"grep -\w*[ZP]")
             for name in re.findall(r"\b(\w+)=\(\)", text):  # unset, for its bash, while empty
-                self.assertTrue(f'"${{{name}[@]}}"' not in text or f"${{#{name}[@]}} -gt 0 ]" in text)
+                unguarded = re.search(rf'(?<!\+)"\${{{name}\[@\]}}"', text)
+                self.assertTrue(not unguarded or f"${{#{name}[@]}} -gt 0 ]" in text, name)

@@ -1,19 +1,20 @@
-"""The launcher over the recording stand-in for the Java runtime: the installed one, or with SLICE
-in the environment that slice of the macOS executable, run by the loader of test/macho."""
+"""The launcher over the recording stand-in for the Java runtime: the installed one, or the slice of
+the macOS executable that SLICE names, a directory of build/macho (see script/cross-macos)."""
 
 import os
+import pathlib
 import typing
 
-from . import CONTENTS, ROOT, expected
+from . import CONTENTS, expected
 from .machine_root import Root
 from .private_root import BUILD_DIR
 
-SLICE = os.environ.get("SLICE")  # x86_64 or arm64
 LIBRARY = "libjvm.so" if os.uname().sysname == "Linux" else "libjvm.dylib"
+_DIRECTORY = pathlib.Path(os.environ.get("SLICE", "."))
+SLICE = _DIRECTORY.name  # x86_64, arm64 or nothing
 if SLICE:
-    MACHO_FILE = os.environ.get("MACHO_FILE", ROOT / "build/macos-universal/src/OrvaneService")
-    PROGRAM = ROOT / "build/macho" / SLICE / "loader"
-    RUNTIME = ROOT / "build/macho" / SLICE / LIBRARY
+    PROGRAM = _DIRECTORY / "OrvaneService"
+    RUNTIME = _DIRECTORY / LIBRARY
 else:
     PROGRAM = BUILD_DIR / "Applications" / CONTENTS / "MacOS/OrvaneService"
     RUNTIME = BUILD_DIR / "test/runtime" / LIBRARY
@@ -46,9 +47,6 @@ class Launcher:
         self.folder = f"{applications}/{CONTENTS}/MacOS"
         self.program = self.folder + "/OrvaneService"
         self.root.put(self.program, PROGRAM)
-        self.env = {"MACHO_FILE": "/tmp/macho"} if SLICE else {}
-        if SLICE:
-            self.root.put("/tmp/macho", MACHO_FILE)
         self.put_runtime(f"{applications}/{CONTENTS}")
 
     def put_runtime(self, contents, folder="server"):
@@ -68,7 +66,7 @@ class Launcher:
         told = {"RUNTIME_" + name.upper(): str(value) for name, value in behaviour.items()}
         return self.root.start([*by, *EMULATOR, program or self.program, *arguments],
                                cwd=cwd or self.folder,
-                               env={"RUNTIME_RECORD": record, **told, **self.env, **(env or {})},
+                               env={"RUNTIME_RECORD": record, **told, **(env or {})},
                                **(streams or {}))
 
     def run(self, *arguments, **how):

@@ -8,8 +8,7 @@ from .machine_root import CANNOT_EXIST
 
 LINUX = os.uname().sysname == "Linux"
 
-# A slice has libc++ in it; the program that starts it, the loader, has not.
-LIBCXX = bool(SLICE) or b"libc++" in PROGRAM.read_bytes()
+LIBCXX = b"libc++" in PROGRAM.read_bytes()
 
 # After a read error, libc++ takes what was read of a line for a line, and does not retry an
 # interrupted read; libstdc++ drops the one and retries the other.
@@ -24,19 +23,21 @@ SPARE_ALLOCATIONS = 10 if LIBCXX else 1
 FOREIGN_ERRORS = bool(SLICE)
 
 # The emulator's own line for every abort.
-_EMULATOR = (b"qemu: uncaught target signal 6 (Aborted) - core dumped\n" if SLICE == "arm64"
-             else b"")
+EMULATORS_LINE = (b"qemu: uncaught target signal 6 (Aborted) - core dumped\n"
+                  if SLICE == "arm64" else b"")
 
 # The end of a run in which the program's copy of the C++ library meets another copy's error.
 TERMINATED_BY_OTHER_COPY = (b"libc++abi: terminating due to uncaught foreign exception\n" if SLICE
                             else b"libc++abi: terminating\n" if LIBCXX
-                            else b"terminate called without an active exception\n") + _EMULATOR
+                            else b"terminate called without an active exception\n"
+                            ) + EMULATORS_LINE
 
 
 def no_runtime(program):
     """Status and, as an expression, standard error of a run that finds no libjvm."""
     if SLICE:
-        return 70, rb"\Amacho: Library not loaded: @rpath/libjvm\.dylib\n\Z"
+        return ABORTED, (rb"\Amacho: Library not loaded: @rpath/libjvm\.dylib\n" +
+                         re.escape(EMULATORS_LINE) + rb"\Z")
     if LINUX:
         return 127, (rb"\A" + re.escape(os.fsencode(program)) +
                      rb": error while loading shared libraries: libjvm\.so: "
@@ -54,9 +55,9 @@ def terminated(kind, what=None, thrown_by_runtime=False):
     if LIBCXX and not (FOREIGN_ERRORS and thrown_by_runtime):
         return (b"libc++abi: terminating " + (b"due to" if SLICE else b"with") +
                 b" uncaught exception of type " + kind +
-                (b"" if what is None else b": " + what) + b"\n" + _EMULATOR)
+                (b"" if what is None else b": " + what) + b"\n" + EMULATORS_LINE)
     return (b"terminate called after throwing an instance of '" + kind + b"'\n" +
-            (b"" if what is None else b"  what():  " + what + b"\n") + _EMULATOR)
+            (b"" if what is None else b"  what():  " + what + b"\n") + EMULATORS_LINE)
 
 
 def out_of_range(size):
