@@ -9,8 +9,8 @@ import unittest
 
 from support import ROOT
 
-SCRIPTS = [path.read_text() for folder in ("script", "operator", ".ci")
-           for path in (ROOT / folder).iterdir() if path.is_file()]
+SCRIPTS = [path.read_text() for place in ("script", "operator", ".ci")
+           for path in (ROOT / place).iterdir() if path.is_file()]
 
 
 class Scripts(unittest.TestCase):

@@ -1,4 +1,4 @@
-"""The machine's own folders instead of a private root's, for a machine that is thrown away."""
+"""The machine's own directories instead of a private root's, for a machine that is thrown away."""
 
 import fcntl
 import os
@@ -13,7 +13,7 @@ from .private_root import Finishing, PrivateRoot
 
 PRODUCT = ("/Applications/Orvane.app", "/Library/Application Support/Quillrest", "/Users/alice",
            "/Users/bob", "/Users/user2", "/tmp/calls")
-# A folder that is not created here is one of these.
+# A directory that is not created here is one of these.
 SHARED = ("/", "/Applications", "/Library", "/Library/Application Support", "/Users", "/tmp")
 USER = pwd.getpwuid(int(os.environ.get("SUDO_UID", "1000")))
 CANNOT_EXIST = "cannot exist on a Mac: "
@@ -59,7 +59,7 @@ class MachineRoot:
         if len(os.fsencode(path)) > 1023:
             self._test.skipTest(CANNOT_EXIST + "a path of more than 1,023 bytes")
         if len(path.parts) > 1 and "/" + path.parts[1] not in (*SHARED, "/Volumes"):
-            self._test.skipTest(CANNOT_EXIST + "a file in the root folder")
+            self._test.skipTest(CANNOT_EXIST + "a file in the root directory")
         places = [*reversed(path.parents), path]
         if str(path) not in SHARED and not set(places) & set(self._journal):
             missing = [place for place in places if not os.path.lexists(place)]

@@ -1,4 +1,4 @@
-"""Runs test files over the folders of the machine itself: python3 throw_away_machine.py FILE...
+"""Runs test files over the directories of the machine itself: python3 throw_away_machine.py FILE...
 
 On Linux inside a namespace whose machine is thrown away with it; elsewhere, as root, only if
 THROW_AWAY_MACHINE=yes says that the machine is one. Names what is skipped and why, and fails
@@ -16,7 +16,7 @@ LINUX = os.uname().sysname == "Linux"
 
 def namespace():
     """What runs a command on a machine of its own: everything of this one, the files of / and
-    the folders of a Mac aside, which are empty."""
+    the directories of a Mac aside, which are empty."""
     arguments = ["bwrap", "--tmpfs", "/", "--cap-add", "ALL", "--unshare-pid",
                  "--die-with-parent"]
     for entry in sorted(pathlib.Path("/").iterdir()):
