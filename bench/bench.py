@@ -140,16 +140,16 @@ def prepare(jdk):
 
 def build_heavy(jdk):
     """The class-heavy service in a bundle made by the documented variables; its Contents."""
-    folder = WORK / f"heavy-{jdk.name}"
-    folder.mkdir()
-    jar = shutil.copy("/usr/share/java/hsqldb.jar", folder / "heavy.jar")
-    run(jdk / "bin/javac", "-d", folder / "classes", "-cp", jar, HERE / "java/QRService.java")
-    run(jdk / "bin/jar", "uf", jar, "-C", folder / "classes", ".")
-    run("cmake", "--preset", "release", "-B", folder / "build", f"-DBUNDLE_JAR={jar}",
+    directory = WORK / f"heavy-{jdk.name}"
+    directory.mkdir()
+    jar = shutil.copy("/usr/share/java/hsqldb.jar", directory / "heavy.jar")
+    run(jdk / "bin/javac", "-d", directory / "classes", "-cp", jar, HERE / "java/QRService.java")
+    run(jdk / "bin/jar", "uf", jar, "-C", directory / "classes", ".")
+    run("cmake", "--preset", "release", "-B", directory / "build", f"-DBUNDLE_JAR={jar}",
         f"-DBUNDLE_JDK={jdk}", "-DBUILD_TESTING=OFF", cwd=SOURCE, env={**os.environ, "JAVA_HOME": str(jdk)})
-    run("cmake", "--build", folder / "build")
-    run("cmake", "--install", folder / "build", "--prefix", folder / "Applications")
-    return folder / "Applications" / CONTENTS
+    run("cmake", "--build", directory / "build")
+    run("cmake", "--install", directory / "build", "--prefix", directory / "Applications")
+    return directory / "Applications" / CONTENTS
 
 
 def archive_by_hand(java, cwd, class_path, target, *arguments):

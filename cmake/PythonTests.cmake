@@ -2,14 +2,14 @@ find_package(Python3 3.9 REQUIRED COMPONENTS Interpreter)
 
 # add_python_tests(FILE [FIXTURES name...] [ENVIRONMENT var=value...] [LABELS label...]
 #                  [TIMEOUT seconds])
-# One ctest test for each test method of a unittest file, named FOLDER.method; a test that
+# One ctest test for each test method of a unittest file, named DIRECTORY.method; a test that
 # skips itself, or a part of itself, counts as skipped.
 function(add_python_tests file)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "TIMEOUT" "FIXTURES;ENVIRONMENT;LABELS")
     cmake_path(ABSOLUTE_PATH file NORMALIZE OUTPUT_VARIABLE path)
     cmake_path(GET path STEM module)
-    cmake_path(GET path PARENT_PATH folder)
-    cmake_path(GET folder FILENAME group)
+    cmake_path(GET path PARENT_PATH directory)
+    cmake_path(GET directory FILENAME group)
     set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${path}")
     if(NOT arg_TIMEOUT)
         set(arg_TIMEOUT 120)
@@ -22,7 +22,7 @@ function(add_python_tests file)
             set(name ${group}.${CMAKE_MATCH_2})
             add_test(NAME ${name}
                 COMMAND Python3::Interpreter -B -m unittest -v ${module}.${class}.${CMAKE_MATCH_1}
-                WORKING_DIRECTORY "${folder}")
+                WORKING_DIRECTORY "${directory}")
             set_tests_properties(${name} PROPERTIES
                 TIMEOUT ${arg_TIMEOUT}
                 SKIP_REGULAR_EXPRESSION "OK \\(skipped="

@@ -54,13 +54,13 @@ class ErrorsTest(unittest.TestCase):
     def assert_reported(self, kind, message):
         for call, function in [*enumerate(FUNCTIONS), (DETACHING, "DetachCurrentThread")]:
             if platform.FOREIGN_ERRORS:
-                self.assert_abnormal_end(kind, call, function)
+                self.assert_aborted(kind, call, function)
                 continue
             with self.subTest(function):
                 self.assertEqual(self.run_with(kind, function), Run(
                     1, printed_at(call), expected.vm_error(message), calls_after(call)))
 
-    def assert_abnormal_end(self, kind, call, function, *other_reports):
+    def assert_aborted(self, kind, call, function, *other_reports):
         with self.subTest(f"{kind} {function}"):
             run = self.run_with(kind, function)
             self.assertIn(run.stderr, [TERMINATED[kind], *other_reports])
@@ -70,15 +70,15 @@ class ErrorsTest(unittest.TestCase):
     def test_a_runtime_error_out_of_any_call_is_reported_with_the_vm_destroyed(self):
         self.assert_reported("runtime_error", b"a runtime error")
 
-    def test_an_error_derived_from_a_runtime_error_is_reported_likewise(self):
+    def test_an_error_derived_from_a_runtime_error_is_reported_too(self):
         self.assert_reported("range_error", b"a range error")
 
-    def test_an_error_of_another_kind_out_of_any_call_ends_the_run_abnormally(self):
+    def test_an_error_of_another_kind_out_of_any_call_aborts_the_run(self):
         for kind in OTHER_KINDS:
             for call, function in [*enumerate(FUNCTIONS), (DETACHING, "DetachCurrentThread")]:
-                self.assert_abnormal_end(kind, call, function)
+                self.assert_aborted(kind, call, function)
 
-    def test_an_error_of_any_kind_while_something_is_released_ends_the_run_abnormally(self):
+    def test_an_error_of_any_kind_while_something_is_released_aborts_the_run(self):
         for kind in TERMINATED:
             for call, function in (DELETION, "DeleteLocalRef"), (DESTRUCTION, "DestroyJavaVM"):
-                self.assert_abnormal_end(kind, call, function, platform.TERMINATED_BY_OTHER_COPY)
+                self.assert_aborted(kind, call, function, platform.TERMINATED_BY_OTHER_COPY)

@@ -77,11 +77,11 @@ class LocationsTest(unittest.TestCase):
 
     def test_a_relative_start_takes_the_working_directory(self):
         launcher = self.launcher = Launcher(self, "/Users/alice/Applications")
-        contents = launcher.folder.rpartition("/")[0]
-        for program, cwd in (("./OrvaneService", launcher.folder),
-                             ("../MacOS/OrvaneService", launcher.folder),
+        contents = launcher.directory.rpartition("/")[0]
+        for program, cwd in (("./OrvaneService", launcher.directory),
+                             ("../MacOS/OrvaneService", launcher.directory),
                              ("../MacOS/OrvaneService", contents + "/Resources"),
-                             (".//OrvaneService", launcher.folder)):
+                             (".//OrvaneService", launcher.directory)):
             with self.subTest(program):
                 self.assert_home(program, b"/Users/alice", cwd)
 
@@ -100,15 +100,15 @@ class LocationsTest(unittest.TestCase):
 
     def test_only_a_leading_dot_slash_is_taken_off_a_relative_start(self):
         path = self.path_of(1023)
-        folder, _, name = path.rpartition("/")
-        parent, _, last = folder.rpartition("/")
-        for cwd in folder, parent:
+        directory, _, name = path.rpartition("/")
+        parent, _, last = directory.rpartition("/")
+        for cwd in directory, parent:
             self.launcher.put_runtime(cwd.rpartition("/")[0])
-        self.assert_home("./" + name, b"/Users/alice", folder)
+        self.assert_home("./" + name, b"/Users/alice", directory)
         self.assert_home(f"./{last}/{name}", b"/Users/alice", parent)
-        self.assert_out_of_range("././" + name, 0, folder)
-        self.assert_out_of_range(".//" + name, 0, folder)
-        self.assert_out_of_range(f"../{last}/{name}", 0, folder)
+        self.assert_out_of_range("././" + name, 0, directory)
+        self.assert_out_of_range(".//" + name, 0, directory)
+        self.assert_out_of_range(f"../{last}/{name}", 0, directory)
 
     def test_a_start_through_a_symbolic_link_belongs_to_the_links_location(self):
         link = self.launcher.root.path("/Users/bob/start")

@@ -20,14 +20,14 @@ ACCEPTED = {
     "a carriage return is kept in the option":
         (b"-Xmx2g\r\n-Xmx3g\r", [b"-Xmx2g\r", b"-Xmx3g\r"]),
     "a carriage return does not separate lines": (b"-Xmx2g\r-bad\n", [b"-Xmx2g\r-bad"]),
-    "bytes that are not UTF-8 are handed on":
+    "bytes that are not UTF-8 are passed on":
         (b"-Xmx" + bytes(set(range(1, 256)) - {10}), [b"-Xmx" + bytes(set(range(1, 256)) - {10})]),
     "a NUL byte stays in the line and ends the option for the VM":
         (b"-Xmx2g\0tail\n-Xmx\0\n", [b"-Xmx2g\0tail", b"-Xmx\0"]),
-    "lines of 70000 bytes are handed on whole":
+    "lines of 70000 bytes are passed on whole":
         (b"-Xmx" + b"a" * 69996 + b"\n-Xmx" + b"b" * 69996, [b"-Xmx" + b"a" * 69996,
                                                             b"-Xmx" + b"b" * 69996]),
-    "12,000 lines, more than a megabyte, are handed on in order":
+    "12,000 lines, more than a megabyte, are passed on in order":
         (b"\n".join(b"-Xmx%096d" % number for number in range(12000)),
          [b"-Xmx%096d" % number for number in range(12000)]),
 }

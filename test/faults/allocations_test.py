@@ -25,7 +25,7 @@ class AllocationsTest(unittest.TestCase):
         return self.launcher.run(USER, *ARGUMENTS, env={
             "LD_PRELOAD": INJECTOR, "ALLOCATION_FAULT": str(allocation)})
 
-    def test_whichever_allocation_fails_the_run_ends_abnormally_there(self):
+    def test_whichever_allocation_fails_the_run_aborts_there(self):
         self.assertEqual(self.run_failing(0), self.finished)
         allocations = int(self.launcher.root.path("/tmp/allocations").read_text())
         self.assertGreater(allocations, 50)

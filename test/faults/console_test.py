@@ -50,7 +50,7 @@ class ConsoleTest(unittest.TestCase):
         os.mkfifo(self.launcher.root.path("/tmp/pipe"))
         self.assertEqual(self.run_with(NO_READER), Run(SIGPIPE, b"", b"", [], normal_end=False))
 
-    def test_with_that_signal_ignored_the_service_runs_all_the_same(self):
+    def test_with_that_signal_ignored_the_service_runs_anyway(self):
         os.mkfifo(self.launcher.root.path("/tmp/pipe"))
         self.assertEqual(self.run_with(NO_READER, by=["env", "--ignore-signal=PIPE"]),
                          finished()._replace(stdout=b""))

@@ -49,7 +49,7 @@ class HardeningTest(unittest.TestCase):
         self.assertEqual(sorted(set(self.segment_flags("LOAD"))), ["R  ", "R E", "RW "])
         self.assertEqual(self.dynamic("TEXTREL"), [])
 
-    def test_the_run_path_has_the_two_folders_of_the_bundles_runtime_alone(self):
+    def test_the_run_path_has_the_two_directories_of_the_bundles_runtime_alone(self):
         self.assertEqual(self.dynamic("RUNPATH"),
                          ["../Resources/jre/lib/server:../Resources/jre/lib/jli"])
         self.assertEqual(self.dynamic("RPATH"), [])

@@ -33,7 +33,7 @@ class LibraryTest(unittest.TestCase):
             with self.subTest(what):
                 launcher = Launcher(self)
                 program = launcher.program.encode()
-                path = launcher.root.path(f"{launcher.folder}/{LIBRARY.decode()}")
+                path = launcher.root.path(f"{launcher.directory}/{LIBRARY.decode()}")
                 path.unlink()
                 if content is not None:
                     path.write_bytes(content)

@@ -101,7 +101,7 @@ class SystemCallsTest(unittest.TestCase):
                 lines = lines_read(calls) if platform.RETRIES_NO_READ else LINES
                 self.assertEqual(run, finished(lines=lines))
 
-    def test_an_error_of_closing_is_of_no_consequence(self):
+    def test_an_error_of_closing_is_ignored(self):
         for error in "EIO", "EINTR", "EBADF":
             with self.subTest(error):
                 self.assertEqual(self.run_failing("close", error, 1)[0], finished(lines=LINES))

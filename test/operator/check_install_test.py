@@ -103,7 +103,7 @@ class Installation:
         return result.status, result.stdout.decode(), result.stderr.decode()
 
 
-def refused(number, what, remedy):
+def rejected(number, what, remedy):
     return f"DATA/conf/jvm_args: line {number} {what}; {remedy}"
 
 
@@ -190,10 +190,10 @@ BROKEN = {
     "lines": (lambda i: i.put("DATA/conf/jvm_args",
                               b"\xef\xbb\xbf-Xmx2g\n-Xmx2g\r\n-Xmx2g\n\n# heap\n-Xmx2g -Xms1g\n"
                               b"-Dorv.security.mode=a b\n-Dorv.security.mode=a \n-Duser.install=1"),
-              [refused(1, REJECTED, "delete it"), refused(2, WHITE, "delete it"),
-               refused(4, REJECTED, "delete it"), refused(5, REJECTED, "delete it"),
-               refused(6, "has a size that the VM refuses", "correct it"),
-               refused(8, WHITE, "delete it"), refused(9, REJECTED, "delete it")]),
+              [rejected(1, REJECTED, "delete it"), rejected(2, WHITE, "delete it"),
+               rejected(4, REJECTED, "delete it"), rejected(5, REJECTED, "delete it"),
+               rejected(6, "has a size that the VM refuses", "correct it"),
+               rejected(8, WHITE, "delete it"), rejected(9, REJECTED, "delete it")]),
     "no job": (lambda i: i.at("JOB").unlink(), ["JOB: missing; run install"]),
     "job a link": (lambda i: i.moved("JOB"), ["JOB: a symbolic link; run install"]),
     "open job": (lambda i: i.at("JOB").chmod(0o664), [f"JOB: {OTHERS}"]),
@@ -271,13 +271,13 @@ class CheckInstall(unittest.TestCase):
         installation = Installation(self)
         sizes = ["", "0", "1", "1k", "2m", "2048k", "2097152", "3m", "64M", "2g", "02G", "20t", "200t",
                  "16777216t", "99999999999999999999", "2gb", "2.5g", "-1", "+2g", " 2g", "2 g"]
-        refused_by_vm = [
+        rejected_by_vm = [
             size for size in sizes if installation.root.run(
                 [installation.path("RES/jre/bin/java"), "-Xmx" + size, "-version"]).status]
         installation.put("DATA/conf/jvm_args", "".join(f"-Xmx{size}\n" for size in sizes).encode())
         self.reported(installation, *(
-            refused(sizes.index(size) + 1, "has a size that the VM refuses", "correct it")
-            for size in refused_by_vm))
+            rejected(sizes.index(size) + 1, "has a size that the VM refuses", "correct it")
+            for size in rejected_by_vm))
 
     def test_it_allows_the_prefixes_that_the_launcher_allows(self):
         source = (ROOT / "src/launcher/main.cpp").read_text()

@@ -121,8 +121,8 @@ class Machine:
         self.root, self.home = PrivateRoot(test, uid=1000 if home else 0), home
         for name in COMMANDS:
             self.root.put("/stand-in/" + name, ROOT / "test/operator/commands.sh")
-        for folder in "/state", home + "/Library/Logs":
-            self.root.path(folder).mkdir(parents=True)
+        for directory in "/state", home + "/Library/Logs":
+            self.root.path(directory).mkdir(parents=True)
         self.root.put(f"{home}{DATA}/conf/jvm_args", b"-Xmx2g\n")
         label = "com.vaultory.service" + (".agent" if home else "")
         domain = "gui/1000" if home else "system"
@@ -140,9 +140,9 @@ class Machine:
                                    ("never", "never"), ("completes", "completes")):
             self.bundle(version, behaviour)
 
-    def bundle(self, version, behaviour="stays", folder=None):
+    def bundle(self, version, behaviour="stays", directory=None):
         """Puts a version of the bundle where a disk image has it; others may write to it."""
-        contents = f"{folder or '/new/' + version}/{CONTENTS}"
+        contents = f"{directory or '/new/' + version}/{CONTENTS}"
         self.root.put(contents + "/Info.plist",
                       b"<key>CFBundleShortVersionString</key>\n\t<string>%s</string>\n"
                       % version.encode(), mode=0o666)
@@ -353,14 +353,14 @@ class Install(unittest.TestCase):
             "BundleIsVersionChecked": False, "BundleOverwriteAction": "upgrade",
         }], plistlib.loads(plist.read_bytes()))
         with tempfile.TemporaryDirectory(dir=BUILD_DIR) as name:
-            folder = pathlib.Path(name)
+            directory = pathlib.Path(name)
             own = (BUILD_DIR / "pack.cmake").read_text()
-            (folder / "own.cmake").write_text(own.replace("productbuild", "TGZ"))
-            (folder / "CPackConfig.cmake").write_text(
+            (directory / "own.cmake").write_text(own.replace("productbuild", "TGZ"))
+            (directory / "CPackConfig.cmake").write_text(
                 f'{config}set(CPACK_PROJECT_CONFIG_FILE "{name}/own.cmake")\nset(CPACK_POST_BUILD_SCRIPTS)\n')
-            subprocess.run(["cpack", "--config", folder / "CPackConfig.cmake", "-G", "TGZ", "-B", name],
+            subprocess.run(["cpack", "--config", directory / "CPackConfig.cmake", "-G", "TGZ", "-B", name],
                            check=True, capture_output=True)
-            with tarfile.open(next(folder.glob("*.gz"))) as tarball:
+            with tarfile.open(next(directory.glob("*.gz"))) as tarball:
                 names = {name.partition(STAGED[1:] + "/")[2] for name in tarball.getnames()}
         installed = BUILD_DIR / "Applications"
         self.assertEqual({str(path.relative_to(installed)) for path in installed.rglob("*")}, names - {""})

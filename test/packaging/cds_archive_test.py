@@ -70,7 +70,7 @@ class CdsArchiveTest(unittest.TestCase):
             self.assertEqual(sources, dict.fromkeys(sources, ARCHIVED))
             self.assertLessEqual(REPORTING, set(sources))
 
-    def test_so_they_do_where_the_service_has_several_jars(self):
+    def test_classes_of_several_jars_come_from_the_archive_too(self):
         for bundle in in_each_mode(self, copied=True):
             self.assertEqual(split(bundle), ["Json", "LogConfig", "Messages", "Report", "Text"])
             self.assert_updated(self.update(bundle), classes=r"([6-9])")

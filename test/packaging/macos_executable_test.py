@@ -120,12 +120,12 @@ class ExecutableTest(unittest.TestCase):
                     self.assertEqual([wrong], macho.wrong_hashes(bytes(changed)))
 
     def test_another_build_directory_gives_the_same_bytes(self):
-        with tempfile.TemporaryDirectory(dir=ROOT / "build", prefix="another ") as folder:
+        with tempfile.TemporaryDirectory(dir=ROOT / "build", prefix="another ") as directory:
             cache = str(ROOT / "build/zig/cache")
             environment = dict(os.environ, ZIG_GLOBAL_CACHE_DIR=cache, ZIG_LOCAL_CACHE_DIR=cache)
-            for command in (["--preset", "macos-x86_64", "-B", folder],
-                            ["--build", folder, "--target", "OrvaneService"]):
+            for command in (["--preset", "macos-x86_64", "-B", directory],
+                            ["--build", directory, "--target", "OrvaneService"]):
                 subprocess.run(["cmake", *command], cwd=ROOT, stdout=subprocess.PIPE, check=True,
                                env=environment)
             self.assertTrue(filecmp.cmp(ROOT / "build/macos-x86_64/src/OrvaneService",
-                                        pathlib.Path(folder) / "src/OrvaneService", shallow=False))
+                                        pathlib.Path(directory) / "src/OrvaneService", shallow=False))

@@ -29,12 +29,12 @@ def info(**more):
 
 
 def job(label, home, *arguments):
-    folder = f"{home}/Applications/Orvane.app/Contents/{SERVICE}/MacOS"
+    directory = f"{home}/Applications/Orvane.app/Contents/{SERVICE}/MacOS"
     return {
         "AssociatedBundleIdentifiers": "com.vaultory.orvane",
         "Label": label,
-        "ProgramArguments": [folder + "/OrvaneService", *arguments],
-        "WorkingDirectory": folder,
+        "ProgramArguments": [directory + "/OrvaneService", *arguments],
+        "WorkingDirectory": directory,
         "RunAtLoad": True,
         "KeepAlive": {"SuccessfulExit": False},
         "ThrottleInterval": 30,

@@ -1,6 +1,6 @@
 """script/sign-macos --dry-run over a made-up bundle:
 
-    a folder/Orvane.app/Contents/Library/LaunchServices/OrvaneService.app/Contents
+    a directory/Orvane.app/Contents/Library/LaunchServices/OrvaneService.app/Contents
         MacOS/OrvaneService, Frameworks/libnative.dylib, Resources/bin/helper: code
         Resources/jre/bin/java, Resources/jre/lib/jspawnhelper: the runtime's programs
         Resources/jre/lib/{libjava.dylib,server/libjvm.dylib}: its libraries
@@ -36,9 +36,9 @@ class SignMacos(unittest.TestCase):
     maxDiff = None
 
     def setUp(self):
-        folder = tempfile.TemporaryDirectory(dir=os.environ["BUILD_DIR"], suffix="a folder")
-        self.addCleanup(folder.cleanup)
-        self.app = pathlib.Path(folder.name) / "Orvane.app"
+        directory = tempfile.TemporaryDirectory(dir=os.environ["BUILD_DIR"], suffix="a directory")
+        self.addCleanup(directory.cleanup)
+        self.app = pathlib.Path(directory.name) / "Orvane.app"
         self.resources = f"{SERVICE}/Contents/Resources"
         for name, content in {
                 f"{SERVICE}/Contents/MacOS/OrvaneService": UNIVERSAL,
@@ -125,7 +125,7 @@ class SignMacos(unittest.TestCase):
             self.sign("--dry-run", "--hardened", "--notarize", "a profile", "Developer ID",
                       self.app))
 
-    def test_run_paths_that_were_rewritten_are_left_alone(self):
+    def test_run_paths_that_were_rewritten_are_not_rewritten_again(self):
         with open(self.app / SERVICE / "Contents/MacOS/OrvaneService", "ab") as launcher:
             launcher.write(b"\0@executable_path/../Resources/jre/lib/server\0"
                            b"@executable_path/../Resources/jre/lib/jli\0")
@@ -144,7 +144,7 @@ class SignMacos(unittest.TestCase):
         self.assertEqual((1, "", f"sign-macos: no {launcher}: install the bundle, or name its "
                                  "Orvane.app\n"), self.sign("--dry-run", "-", self.app))
 
-    def test_a_wrong_call_is_answered_with_the_right_one(self):
+    def test_a_wrong_call_prints_the_usage(self):
         status, usage, errors = self.sign("--help")
         self.assertEqual((0, "Usage: sign-macos [--dry-run] [--hardened [--notarize PROFILE]] IDENTITY "
                              "[ORVANE_APP]", ""), (status, usage.splitlines()[0], errors))

@@ -21,12 +21,12 @@ RUNTIME = CONTENTS + "/Resources/jre"
 @unittest.skipIf(os.uname().sysname == "Darwin", "a disk image there")
 class Tarball(unittest.TestCase):
     def setUp(self):
-        folder = tempfile.TemporaryDirectory(dir=BUILD)
-        self.addCleanup(folder.cleanup)
-        subprocess.run(["cpack", "--config", BUILD / "CPackConfig.cmake", "-B", folder.name],
+        directory = tempfile.TemporaryDirectory(dir=BUILD)
+        self.addCleanup(directory.cleanup)
+        subprocess.run(["cpack", "--config", BUILD / "CPackConfig.cmake", "-B", directory.name],
                        stdout=subprocess.PIPE, check=True)
-        self.names = sorted(file.name for file in pathlib.Path(folder.name).glob("*.*"))
-        self.archive = tarfile.open(pathlib.Path(folder.name) / self.names[0])
+        self.names = sorted(file.name for file in pathlib.Path(directory.name).glob("*.*"))
+        self.archive = tarfile.open(pathlib.Path(directory.name) / self.names[0])
         self.addCleanup(self.archive.close)
         self.cache = (BUILD / "CMakeCache.txt").read_text()
 

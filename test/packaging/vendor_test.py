@@ -26,12 +26,12 @@ class Vendor(unittest.TestCase):
     maxDiff = None
 
     def setUp(self):
-        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="vendor-", dir=BUILD_DIR))
-        self.addCleanup(shutil.rmtree, self.folder)
-        self.build, self.env = self.folder / "build", dict(os.environ)
+        self.directory = pathlib.Path(tempfile.mkdtemp(prefix="vendor-", dir=BUILD_DIR))
+        self.addCleanup(shutil.rmtree, self.directory)
+        self.build, self.env = self.directory / "build", dict(os.environ)
 
     def put(self, name, content=b"", mode=0o644):
-        path = self.folder / name
+        path = self.directory / name
         path.parent.mkdir(parents=True, exist_ok=True)
         path.write_bytes(content)
         path.chmod(mode)
@@ -44,8 +44,8 @@ class Vendor(unittest.TestCase):
             for entry in (CLASS, *entries):
                 archive.writestr(entry, entry)
             archive.writestr(MANIFEST, manifest + "\r\n")
-        os.utime(self.folder / name, (0, 10**9))
-        return self.folder / name
+        os.utime(self.directory / name, (0, 10**9))
+        return self.directory / name
 
     def jmods(self, platform, *modules):
         """These modules' jmods for another platform, with a libjvm.dylib for macOS 12.3 on; their
@@ -64,7 +64,7 @@ class Vendor(unittest.TestCase):
                         new.writestr(entry, data)
                     if module == "java.base":
                         new.writestr("lib/server/libjvm.dylib", library)
-        return self.folder / platform
+        return self.directory / platform
 
     def run_tool(self, *command, **how):
         return subprocess.run(command, capture_output=True, text=True, env=self.env, **how)
@@ -82,17 +82,17 @@ class Vendor(unittest.TestCase):
         self.assertEqual([run.returncode for run in runs], [0, 0, 0], runs)
         return re.findall(r"^-- ((?:BUNDLE_|The runtime).*)$", runs[0].stdout + runs[2].stdout, re.M)
 
-    def refusal(self, run):
+    def rejection(self, run):
         """The one line of a message, or all that was said if it is not one."""
         found = re.findall(r"^CMake Error at .*:\n +(.*)\n(?:Call Stack|\n)", run.stderr, re.M)
         return found[0] if len(found) == 1 and run.returncode else run.stdout + run.stderr
 
-    def files(self, *folders):
+    def files(self, *directories):
         resources = self.build / "Applications" / CONTENTS / "Resources"
-        return [f"{name}/{path.name}" for name in folders for path in sorted((resources / name).iterdir())]
+        return [f"{name}/{path.name}" for name in directories for path in sorted((resources / name).iterdir())]
 
     def test_a_wrong_value_is_rejected_in_one_line_that_names_the_variable(self):
-        file, empty = self.put("file", b"no jar"), self.folder / "empty directory"
+        file, empty = self.put("file", b"no jar"), self.directory / "empty directory"
         empty.mkdir()
         service, one, again = self.jar("service.jar"), self.jar("one.jar"), self.jar("again/one.jar")
         signed = self.jar("signed.jar", "/usr/share/java/x.jar", "META-INF/A.SF")
@@ -140,7 +140,7 @@ class Vendor(unittest.TestCase):
         for name, value, text, *more in cases:
             with self.subTest(name=name, value=value):
                 run = self.configure("-UBUNDLE_*", **{name: value}, **dict(*more))
-                self.assertEqual(self.refusal(run), f"{name}: {text}")
+                self.assertEqual(self.rejection(run), f"{name}: {text}")
 
     @JMODS
     def test_a_module_that_cannot_be_read_ends_the_build_in_one_line(self):
@@ -150,20 +150,20 @@ class Vendor(unittest.TestCase):
                 (bad.parent / jmod.name).symlink_to(jmod)
         self.configure(BUNDLE_JMODS=bad.parent)
         self.assertEqual(
-            self.refusal(self.run_tool("cmake", "--build", self.build, "--target", "runtime")),
+            self.rejection(self.run_tool("cmake", "--build", self.build, "--target", "runtime")),
             f"BUNDLE_JMODS: jlink cannot link '{bad.parent}'; name a complete JDK's: "
             f"Error: java.io.IOException: Invalid JMOD file: {bad}")
 
     def test_a_checkout_that_cannot_be_written_to_is_named(self):
         require_namespaces(self)
-        (self.folder / "root/checkout").mkdir(parents=True)
-        run = self.run_tool(*bwrap_arguments(self.folder / "root"), "--ro-bind", ROOT, "/checkout",
+        (self.directory / "root/checkout").mkdir(parents=True)
+        run = self.run_tool(*bwrap_arguments(self.directory / "root"), "--ro-bind", ROOT, "/checkout",
                             "--setenv", "PATH", os.environ["PATH"], "--", "/checkout/script/pack")
         self.assertEqual((run.returncode, run.stdout, run.stderr), (
             1, "", "pack: cannot write to /checkout/build; make it writable, or call from a copy "
             "of the checkout that is\n"))
 
-    def test_what_is_the_vendor_s_takes_the_sample_s_place(self):
+    def test_the_parts_of_a_vendor_replace_those_of_the_sample(self):
         self.assertEqual(self.installed(
             BUNDLE_JAR=self.jar("service.jar"), BUNDLE_RUNTIME="OFF", BUNDLE_LANG=self.put("lang/texts").parent,
             BUNDLE_CONF=self.put("conf/service.log.xml").parent, BUNDLE_BIN=self.put("bin/tool").parent,
@@ -198,7 +198,7 @@ class Vendor(unittest.TestCase):
                 ("elsewhere", "lib/a.jar b.jar", "b.jar", "", "b.jar a.jar"),
                 ("long", "", long, "/usr/share/java/a.jar", f"a.jar {long}")):
             with self.subTest(name=name):
-                jar, target = self.jar(f"{name}/service.jar", before, "a/file"), self.folder / name / "jars"
+                jar, target = self.jar(f"{name}/service.jar", before, "a/file"), self.directory / name / "jars"
                 libraries = self.jar(f"{name}/a.jar"), self.jar(f"{name}/{library}", its_path)
                 subprocess.run(["python3", "-B", ROOT / "cmake/jars.py", "install", target, jar, *libraries],
                                check=True)
@@ -235,14 +235,14 @@ class Vendor(unittest.TestCase):
                 change()
                 codesign.write_text(f"#!/bin/sh\n{signature} || {{ echo \"$4: not valid\" >&2; exit 1; }}\n")
                 run = self.run_tool("cpack", "--config", self.build / "CPackConfig.cmake")
-                self.assertEqual((text and self.refusal(run), tarball.exists()), (text, not text))
+                self.assertEqual((text and self.rejection(run), tarball.exists()), (text, not text))
                 undo()
 
     def test_two_builds_give_the_same_tarball(self):
         self.env["SOURCE_DATE_EPOCH"] = "1700000000"
         tarballs = []
         for umask in 0o022, 0o077:
-            self.build = self.folder / f"build {umask}"
+            self.build = self.directory / f"build {umask}"
             self.installed(BUNDLE_CDS_ARCHIVE="OFF", umask=umask)
             self.run_tool("cpack", "--config", self.build / "CPackConfig.cmake")
             tarballs += [file.read_bytes() for file in self.build.glob("Orvane-*")]
@@ -253,12 +253,12 @@ class Vendor(unittest.TestCase):
         mac = self.jmods("macos-amd64", "java.base", "java.logging", "java.management", "java.xml",
                          "jdk.crypto.ec", "jdk.unsupported")
         wrong = "; name the jmods directory of a JDK for that in BUNDLE_JMODS"
-        self.assertEqual(self.refusal(self.configure(BUNDLE_JMODS=mac)), f"BUNDLE_JMODS: '{mac}' is for "
+        self.assertEqual(self.rejection(self.configure(BUNDLE_JMODS=mac)), f"BUNDLE_JMODS: '{mac}' is for "
                          f"macos-amd64, the executable for linux-amd64{wrong}")
         if not (ROOT / "build/zig/fetched.json").exists():
             self.skipTest("script/cross-macos fetches the compiler for the rest")
         shutil.rmtree(self.build)
-        self.assertEqual(self.refusal(self.configure("--preset", "macos-x86_64", BUNDLE_RUNTIME="ON")),
+        self.assertEqual(self.rejection(self.configure("--preset", "macos-x86_64", BUNDLE_RUNTIME="ON")),
                          f"BUNDLE_JDK: '{JDK}' is for linux-amd64, the executable for macos-amd64{wrong}")
         for which in "GLOBAL", "LOCAL":
             self.env[f"ZIG_{which}_CACHE_DIR"] = str(ROOT / "build/zig/cache")

@@ -60,10 +60,10 @@ class Commands(unittest.TestCase):
         self.database = linux and all(jar.exists() for jar in JARS)
         if linux and not self.database and os.environ.get("CI"):
             self.fail(f"not all of {JARS} exist: script/test installs them")
-        folder = tempfile.mkdtemp(prefix="a copy ", dir=os.environ["BUILD_DIR"])
-        self.addCleanup(shutil.rmtree, folder)
-        self.env = {**os.environ, "TMPDIR": folder}
-        self.copy = pathlib.Path(folder, "orvane")
+        directory = tempfile.mkdtemp(prefix="a copy ", dir=os.environ["BUILD_DIR"])
+        self.addCleanup(shutil.rmtree, directory)
+        self.env = {**os.environ, "TMPDIR": directory}
+        self.copy = pathlib.Path(directory, "orvane")
         shutil.copytree(ROOT, self.copy, symlinks=True, ignore=lambda path, names: (
             {"build", ".git", "mine"} & set(names) if pathlib.Path(path) == ROOT else ()))
 

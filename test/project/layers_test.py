@@ -10,7 +10,7 @@ SRC = ROOT / "src"
 
 
 def included_layers(layer):
-    """The layers, by folder, whose headers the layer's files include."""
+    """The layers, by directory, whose headers the layer's files include."""
     included = set()
     for file in (SRC / layer).iterdir():
         for header in re.findall(r'^#include "(.*)"', file.read_text(), re.MULTILINE):

@@ -15,12 +15,12 @@ SCRIPTS = [path.read_text() for place in ("script", "operator", ".ci")
 
 class Scripts(unittest.TestCase):
     def on_a_mac(self, *command, **env):
-        with tempfile.TemporaryDirectory(dir=os.environ["BUILD_DIR"]) as folder:
+        with tempfile.TemporaryDirectory(dir=os.environ["BUILD_DIR"]) as directory:
             for name, does in ("uname", "echo Darwin"), ("xcode-select", ":"), ("cmake", ":"):
-                pathlib.Path(folder, name).write_text(f"#!/bin/sh\n{does}\n")
-                pathlib.Path(folder, name).chmod(0o755)
+                pathlib.Path(directory, name).write_text(f"#!/bin/sh\n{does}\n")
+                pathlib.Path(directory, name).chmod(0o755)
             run = subprocess.run(command, cwd=ROOT, capture_output=True, text=True, env={
-                "JAVA_HOME": "", **env, "PATH": f"{folder}:{os.environ['PATH']}"})
+                "JAVA_HOME": "", **env, "PATH": f"{directory}:{os.environ['PATH']}"})
         return run.returncode, run.stdout + run.stderr
 
     def test_JAVA_HOME_names_a_JDK_that_nothing_else_has_to_find(self):

@@ -2,7 +2,7 @@
 options are bytes, calls are lines of the stand-in's record (see runtime/runtime.h).
 
 home is b"" for a system-wide run; for a per-user run it is b"/Users/" and the home
-folder's name. lines are those of the override file, None where there is no file."""
+directory's name. lines are those of the override file, None where there is no file."""
 
 import pathlib
 

@@ -39,18 +39,18 @@ def finished(home=b"", lines=None, arguments=(), service=b""):
 
 
 class Launcher:
-    """A bundle with the launcher and the stand-in, in an Applications folder of a private
-    root; the working directory is the launcher's folder unless a run says otherwise."""
+    """A bundle with the launcher and the stand-in, in an Applications directory of a private
+    root; the working directory is the launcher's directory unless a run says otherwise."""
 
     def __init__(self, test, applications="/Applications"):
         self.root = Root(test)
-        self.folder = f"{applications}/{CONTENTS}/MacOS"
-        self.program = self.folder + "/OrvaneService"
+        self.directory = f"{applications}/{CONTENTS}/MacOS"
+        self.program = self.directory + "/OrvaneService"
         self.root.put(self.program, PROGRAM)
         self.put_runtime(f"{applications}/{CONTENTS}")
 
-    def put_runtime(self, contents, folder="server"):
-        self.root.put(f"{contents}/Resources/jre/lib/{folder}/{LIBRARY}", RUNTIME)
+    def put_runtime(self, contents, directory="server"):
+        self.root.put(f"{contents}/Resources/jre/lib/{directory}/{LIBRARY}", RUNTIME)
 
     def put_override_file(self, content, home=""):
         """Writes the override file of an installation and returns where it lies."""
@@ -65,7 +65,7 @@ class Launcher:
         runtime/runtime.h); streams are as for PrivateRoot.start."""
         told = {"RUNTIME_" + name.upper(): str(value) for name, value in behaviour.items()}
         return self.root.start([*by, *EMULATOR, program or self.program, *arguments],
-                               cwd=cwd or self.folder,
+                               cwd=cwd or self.directory,
                                env={"RUNTIME_RECORD": record, **told, **(env or {})},
                                **(streams or {}))
 

@@ -61,6 +61,6 @@ def terminated(kind, what=None, thrown_by_runtime=False):
 
 
 def out_of_range(size):
-    """Likewise, for a directory of this size in which the sixth byte was asked for."""
+    """The same for a directory of this size in which the sixth byte was asked for."""
     return terminated(b"std::out_of_range", b"basic_string" if LIBCXX else
                       b"basic_string::substr: __pos (which is 6) > this->size() (which is %d)" % size)

@@ -1,4 +1,4 @@
-"""A root file system of a test's own, in which the launcher finds the folders of a Mac."""
+"""A root file system of a test's own, in which the launcher finds the directories of a Mac."""
 
 import functools
 import json
@@ -22,7 +22,7 @@ class Result(typing.NamedTuple):
 
 
 class PrivateRoot:
-    """Lies in a temporary folder of the build folder, deleted at the end of the test:
+    """Lies in a temporary directory of the build directory, deleted at the end of the test:
     /usr and /etc of the machine, read-only; a /dev and a /proc of its own; empty /Users,
     /Applications, /Library and /tmp; and what the test puts there. Commands run in it as
     an ordinary user, or as root of the namespace, without a network or an environment, and
@@ -30,9 +30,9 @@ class PrivateRoot:
 
     def __init__(self, test, uid=1000):
         require_namespaces(test)
-        folder = tempfile.mkdtemp(prefix="root-", dir=BUILD_DIR)
-        test.addCleanup(shutil.rmtree, folder, ignore_errors=True)
-        self._root = pathlib.Path(folder)
+        directory = tempfile.mkdtemp(prefix="root-", dir=BUILD_DIR)
+        test.addCleanup(shutil.rmtree, directory, ignore_errors=True)
+        self._root = pathlib.Path(directory)
         self._arguments = bwrap_arguments(self._root, uid)
         for name in "Users", "Applications", "Library", "tmp":
             self.path("/" + name).mkdir()
@@ -42,7 +42,7 @@ class PrivateRoot:
         return self._root / os.fsdecode(inside).lstrip("/")
 
     def put(self, inside, content, mode=0o644):
-        """Puts a file there, and the folders it lies in: bytes, or a copy of the Path."""
+        """Puts a file there, and the directories it lies in: bytes, or a copy of the Path."""
         path = self.path(inside)
         path.parent.mkdir(parents=True, exist_ok=True)
         if isinstance(content, pathlib.Path):
@@ -52,7 +52,7 @@ class PrivateRoot:
             path.chmod(mode)
 
     def bind(self, outside, inside):
-        """Shows a file or folder of the machine there, read-only, in commands to come."""
+        """Shows a file or directory of the machine there, read-only, in commands to come."""
         self._arguments += ["--ro-bind", os.fspath(outside), inside]
 
     def run(self, command, timeout=60, **how):
@@ -124,7 +124,7 @@ class Process(Finishing):
 
 
 def bwrap_arguments(root, uid=1000):
-    """What starts a command in the folder root, which becomes a file system's root."""
+    """What starts a command in the directory root, which becomes a file system's root."""
     arguments = [
         "bwrap", "--unshare-all", "--unshare-user", "--uid", str(uid), "--gid", str(uid),
         "--die-with-parent", "--new-session", "--clearenv",
@@ -154,7 +154,7 @@ def why_no_namespaces():
         return "no namespaces on this system"
     if not shutil.which("bwrap"):
         return "no bwrap on this machine: install bubblewrap"
-    with tempfile.TemporaryDirectory(prefix="root-", dir=BUILD_DIR) as folder:
-        probe = subprocess.run([*bwrap_arguments(pathlib.Path(folder)), "/bin/true"],
+    with tempfile.TemporaryDirectory(prefix="root-", dir=BUILD_DIR) as directory:
+        probe = subprocess.run([*bwrap_arguments(pathlib.Path(directory)), "/bin/true"],
                                stdin=subprocess.DEVNULL, capture_output=True)
     return probe.returncode and "no private root here: " + probe.stderr.decode().strip()

@@ -57,11 +57,11 @@ def main(files):
     from support.machine_root import CANNOT_EXIST
     suite = unittest.TestSuite()
     for file in files:
-        folder, name = os.path.split(file)
-        sys.path.insert(0, folder)
+        directory, name = os.path.split(file)
+        sys.path.insert(0, directory)
         suite.addTest(unittest.defaultTestLoader.loadTestsFromName(name[:-len(".py")]))
-        sys.modules[f"{folder}/{name}"] = sys.modules.pop(name[:-len(".py")])
-        sys.path.remove(folder)
+        sys.modules[f"{directory}/{name}"] = sys.modules.pop(name[:-len(".py")])
+        sys.path.remove(directory)
     result = unittest.TextTestRunner(sys.stdout).run(suite)
     for test, reason in result.skipped:
         print(f"left out: {test.id().split('.', 1)[1]}: {reason}")

@@ -46,7 +46,7 @@ TEST(DefaultOptions, Per_user_they_name_the_home_that_the_executables_path_yield
     }
 }
 
-TEST(DefaultOptions, Per_user_a_short_directory_outside_any_home_folder_is_out_of_range) {
+TEST(DefaultOptions, Per_user_a_short_directory_outside_any_home_directory_is_out_of_range) {
     for (const std::string path : {"/service", "/opt/service", "12345/service"}) {
         executable::liesAt(path);
         EXPECT_THROW(launcher::getDefaultJVMArgs(false), std::out_of_range) << path;

@@ -43,7 +43,7 @@ TEST(ExecutablePath, A_buffer_that_just_holds_it_is_filled_and_not_overrun) {
     EXPECT_EQ(size, path.size() + 1);
 }
 
-TEST(ExecutablePath, A_smaller_buffer_is_refused_left_alone_and_told_the_size_it_needs) {
+TEST(ExecutablePath, A_buffer_that_is_too_small_is_left_unchanged_and_the_required_size_stored) {
     const std::string path = ownPath();
     for (const std::size_t capacity : {path.size(), std::size_t{1}, std::size_t{0}}) {
         Buffer buffer = UNTOUCHED;

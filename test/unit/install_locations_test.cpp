@@ -88,7 +88,7 @@ TEST(InstallLocations, An_executables_path_that_does_not_fit_is_out_of_range_per
     EXPECT_THROW(launcher::getUserSpecificPath("/Users/", "/S", "/"), std::out_of_range);
 }
 
-TEST(InstallLocations, Any_of_the_separators_ends_the_home_folders_name) {
+TEST(InstallLocations, Any_of_the_separators_ends_the_home_directories_name) {
     EXPECT_EQ(userPathIn("/Users/a:b;c/MacOS", "/Users/", ";:"), "/Users/a/S");
     EXPECT_EQ(userPathIn("/Users/a;b:c/MacOS", "/Users/", ";:"), "/Users/a/S");
 }

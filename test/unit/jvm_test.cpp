@@ -147,7 +147,7 @@ TEST_F(Lifecycle, The_class_path_is_the_first_option_and_the_list_follows_byte_f
     EXPECT_EQ(printed(), "");
 }
 
-TEST_F(Lifecycle, Thousands_of_options_short_and_long_are_handed_over) {
+TEST_F(Lifecycle, Thousands_of_options_short_and_long_are_passed) {
     Strings options;
     std::string list;
     for (int i = 0; i < 3000; ++i) {
@@ -189,7 +189,7 @@ TEST_F(Lifecycle, A_vm_that_cannot_be_created_is_an_error_with_the_code_and_is_n
     EXPECT_EQ(printed(), "");
 }
 
-TEST_F(Lifecycle, A_vm_that_cannot_be_destroyed_goes_unnoticed) {
+TEST_F(Lifecycle, A_vm_that_cannot_be_destroyed_is_ignored) {
     runtime::reset({.destroyStatus = JNI_ERR});
     { const JVM jvm({}, "-cp"); }
     EXPECT_EQ(runtime::calls(), (Strings{CREATED_BARE, "DestroyJavaVM() = -1"}));
@@ -223,7 +223,7 @@ TEST_F(Lifecycle, After_attaching_the_threads_own_env_is_used) {
                        " = method#1"}));
 }
 
-TEST_F(Lifecycle, A_thread_that_cannot_attach_or_detach_goes_unnoticed_and_keeps_its_env) {
+TEST_F(Lifecycle, A_thread_that_cannot_attach_or_detach_is_ignored_and_keeps_its_env) {
     runtime::reset({.attachStatus = JNI_ERR, .detachStatus = JNI_EDETACHED});
     JVM jvm({}, "-cp");
     jvm.attachCurrentThread();
@@ -372,12 +372,12 @@ TEST_F(Invocation, Arguments_arrive_byte_for_byte_and_in_order) {
                           R"("'\"\\")", R"(" b ")"}));
 }
 
-TEST_F(Invocation, A_runtime_that_will_not_attach_or_detach_is_used_all_the_same) {
+TEST_F(Invocation, A_runtime_that_will_not_attach_or_detach_is_used_anyway) {
     runtime::reset({.attachStatus = JNI_ERR, .detachStatus = JNI_ERR});
     EXPECT_EQ(callsWith({}), invocation({}, "-1", "class#2", "-1"));
 }
 
-TEST_F(Invocation, A_missing_string_class_goes_unnoticed) {
+TEST_F(Invocation, A_missing_string_class_is_ignored) {
     runtime::reset({.missingClass = "java/lang/String"});
     EXPECT_EQ(callsWith({}), invocation({}, "env#2", "null"));
 }
