@@ -279,12 +279,6 @@ class CheckInstall(unittest.TestCase):
             rejected(sizes.index(size) + 1, "has a size that the VM refuses", "correct it")
             for size in rejected_by_vm))
 
-    def test_it_allows_the_prefixes_that_the_launcher_allows(self):
-        source = (ROOT / "src/launcher/main.cpp").read_text()
-        product = re.search(r"WHITE_LIST_FILE_ARGS = \{(.*?)\};", source, re.S).group(1)
-        script = re.search(r"^allowed=\((.*)\)$", SCRIPT.read_text(), re.M).group(1)
-        self.assertEqual(re.findall('"(.*)"', product), script.split())
-
     def test_monitoring_gets_one_object(self):
         installation = Installation(self)
         versions = {"launcher": VERSION, "service": VERSION, "runtime": RUNTIME}

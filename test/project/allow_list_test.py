@@ -6,7 +6,7 @@ from support import ROOT
 # Where the allow-list of the override file is written for another reader, and how.
 PLACES = {
     "test/support/allowed_prefixes.txt": ("(.*)", r"(.+)"),
-    "operator/check-install": (r"(?:allowed=\(|case \$line in\n)(.*?)\)", r"(-[^\s*]+)"),
+    "operator/check-install": (r"allowed=\((.*?)\)", r"(\S+)"),
     "docs/operating.md": (r"\n## Override file\n(.*?)\n## ", r"^    (-\S+)"),
     "bundle/OrvaneService.8": (r"\n\.Ss The override file\n(.*?)\n\.S", r"^\.Ql (-\S+)"),
 }
