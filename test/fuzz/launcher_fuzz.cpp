@@ -44,7 +44,7 @@ public:
 
 protected:
     int sync() override {
-        if (!view().empty()) {
+        if (!str().empty()) {
             flushed.push_back(str());
             str("");
         }
