@@ -137,8 +137,8 @@ void JVM::callJMethod(std::uint64_t id, const std::vector<std::string>& args) {
     }
     attachCurrentThread();
     callJavaMethod(registered->second, args);
-    // Ends the thread for Java, as if main's had ended: an exception that left main is reported
-    // now, and not after DestroyJavaVM has waited for the other threads.
+    // Detaching makes the VM report an exception that left main now, and not after DestroyJavaVM
+    // has waited for the other threads.
     detachCurrentThread();
 }
 

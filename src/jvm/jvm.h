@@ -17,8 +17,8 @@ namespace launcher {
 /// Java exceptions are never checked for.
 class JVM {
 public:
-    /// Creates the VM with classPath, a whole option, followed by options. The VM is given
-    /// copies, freed on return. Throws std::runtime_error if the VM is not created, also
+    /// Creates the VM. classPath is a complete option and comes first, before options. All are
+    /// copied for the call only. Throws std::runtime_error if the VM is not created, for example
     /// because of an option it does not recognise.
     JVM(const std::vector<std::string>& options, const std::string& classPath);
 

@@ -19,12 +19,12 @@ std::string getExeDir();
 std::string getUserSpecificPath(const std::string& root, const std::string& suffix,
                                 const std::string& separators);
 
-/// Returns the path of the override file, system-wide if the flag is true. For a per-user
-/// path it throws as getUserSpecificPath does.
+/// Returns the path of the override file: the system-wide one if isSystemInstall, otherwise the
+/// user's. For the latter it throws as getUserSpecificPath does.
 std::string getJVMArgsFilePath(bool isSystemInstall);
 
-/// Returns the default VM options, in order. Takes the flag of getJVMArgsFilePath and throws
-/// as it does.
+/// Returns the default VM options, in order, for the same flag as getJVMArgsFilePath. Throws as
+/// that does.
 std::vector<std::string> getDefaultJVMArgs(bool isSystemInstall);
 
 }  // namespace launcher

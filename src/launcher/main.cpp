@@ -127,7 +127,7 @@ void printJVMAndAppArgs(const std::vector<std::string>& jvmArgs,
 
 namespace launcher {
 
-// Declared first because it is not file-local: -Wmissing-declarations asks for it.
+// Part of the namespace's interface, so -Wmissing-declarations asks for a declaration.
 void printUserLevel(bool isUser);
 
 void printUserLevel(bool isUser) {
