@@ -3,7 +3,6 @@
 import fcntl
 import os
 import pathlib
-import pwd
 import re
 import shutil
 import subprocess
@@ -15,7 +14,8 @@ PRODUCT = ("/Applications/Orvane.app", "/Library/Application Support/Quillrest",
            "/Users/bob", "/Users/user2", "/tmp/calls")
 # A directory that is not created here is one of these.
 SHARED = ("/", "/Applications", "/Library", "/Library/Application Support", "/Users", "/tmp")
-USER = pwd.getpwuid(int(os.environ.get("SUDO_UID", "1000")))
+# The ordinary user, who called sudo or on Linux need not be known to the machine.
+UID, GID = (int(os.environ.get(name, "1000")) for name in ("SUDO_UID", "SUDO_GID"))
 CANNOT_EXIST = "cannot exist on a Mac: "
 
 
@@ -78,7 +78,7 @@ class MachineRoot:
         else:
             path.write_bytes(content)
             path.chmod(mode)
-        os.chown(path, USER.pw_uid, USER.pw_gid)
+        os.chown(path, UID, GID)
 
     def bind(self, outside, inside):
         """A copy: a machine shows nothing in two places."""
@@ -90,7 +90,7 @@ class MachineRoot:
     def start(self, command, cwd="/", env=None, stdout=subprocess.PIPE,
               stderr=subprocess.PIPE, stdin=subprocess.DEVNULL):
         return MachineProcess(command, cwd=cwd, env=env or {}, stdin=stdin, stdout=stdout,
-                              stderr=stderr, user=USER.pw_uid, group=USER.pw_gid,
+                              stderr=stderr, user=UID, group=GID,
                               extra_groups=[], start_new_session=True, umask=0o022)
 
 
