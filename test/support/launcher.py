@@ -1,22 +1,21 @@
-"""The launcher over the recording stand-in for the Java runtime: the installed one, or the slice of
-the macOS executable that SLICE names, a directory of build/macho (see script/cross-macos)."""
+"""The launcher over the recording stand-in for the Java runtime: the one that was built, or the slice
+of the macOS executable in SLICE, a directory of build/macho (see script/cross-macos)."""
 
 import os
 import pathlib
 import typing
 
-from . import CONTENTS, expected
-from .machine_root import Root
-from .private_root import BUILD_DIR
+from . import BUILD_DIR, CONTENTS, LINUX, expected
+from .root import SCRATCH
 
-LIBRARY = "libjvm.so" if os.uname().sysname == "Linux" else "libjvm.dylib"
+LIBRARY = "libjvm.so" if LINUX else "libjvm.dylib"
 _DIRECTORY = pathlib.Path(os.environ.get("SLICE", "."))
 SLICE = _DIRECTORY.name  # x86_64, arm64 or nothing
 if SLICE:
     PROGRAM = _DIRECTORY / "OrvaneService"
     RUNTIME = _DIRECTORY / LIBRARY
 else:
-    PROGRAM = BUILD_DIR / "Applications" / CONTENTS / "MacOS/OrvaneService"
+    PROGRAM = BUILD_DIR / "src/OrvaneService"
     RUNTIME = BUILD_DIR / "test/runtime" / LIBRARY
 EMULATOR = ["qemu-aarch64-static", "-L", "/usr/aarch64-linux-gnu"] if SLICE == "arm64" else []
 ABORTED = 128 + 6
@@ -39,41 +38,39 @@ def finished(home=b"", lines=None, arguments=(), service=b""):
 
 
 class Launcher:
-    """A bundle with the launcher and the stand-in, in an Applications directory of a private
-    root; the working directory is the launcher's directory unless a run says otherwise."""
+    """A bundle with the launcher and the stand-in in an Applications directory of the root; the
+    working directory is the launcher's directory by default."""
 
-    def __init__(self, test, applications="/Applications"):
-        self.root = Root(test)
-        self.directory = f"{applications}/{CONTENTS}/MacOS"
+    def __init__(self, root, applications="/Applications"):
+        self.root = root
+        self.contents = f"{applications}/{CONTENTS}"
+        self.directory = self.contents + "/MacOS"
         self.program = self.directory + "/OrvaneService"
-        self.root.put(self.program, PROGRAM)
-        self.put_runtime(f"{applications}/{CONTENTS}")
+        root.put(self.program, PROGRAM)
+        self.put_runtime(self.contents)
 
     def put_runtime(self, contents, directory="server"):
         self.root.put(f"{contents}/Resources/jre/lib/{directory}/{LIBRARY}", RUNTIME)
 
     def put_override_file(self, content, home=""):
-        """Writes the override file of an installation and returns where it lies."""
-        path = home + "/Library/Application Support/Quillrest/conf/jvm_args"
-        self.root.put(path, content)
-        return self.root.path(path)
+        """Writes the override file of an installation and returns its path."""
+        return self.root.put(home + "/Library/Application Support/Quillrest/conf/jvm_args", content)
 
-    def start(self, *arguments, program=None, cwd=None, record="/tmp/calls", streams=None,
-              by=(), env=None, **behaviour):
-        """Starts the launcher, by way of a command such as strace if need be, and returns a
-        Process. A behaviour such as create_status=-1 is the stand-in's (see
-        runtime/runtime.h); streams are as for PrivateRoot.start."""
-        told = {"RUNTIME_" + name.upper(): str(value) for name, value in behaviour.items()}
-        return self.root.start([*by, *EMULATOR, program or self.program, *arguments],
+    def start(self, *arguments, program=None, cwd=None, record=SCRATCH + "/calls", streams=None,
+              prefix=(), env=None, **behaviour):
+        """Starts the launcher, through a command such as strace if there is a prefix, and returns a
+        Process. A behaviour such as create_status=-1 is the stand-in's (see runtime/runtime.h);
+        streams are as for Root.start."""
+        variables = {"RUNTIME_" + name.upper(): str(value) for name, value in behaviour.items()}
+        return self.root.start([*prefix, *EMULATOR, program or self.program, *arguments],
                                cwd=cwd or self.directory,
-                               env={"RUNTIME_RECORD": record, **told, **(env or {})},
+                               env={"RUNTIME_RECORD": record, **variables, **(env or {})},
                                **(streams or {}))
 
-    def run(self, *arguments, **how):
+    def run(self, *arguments, **options):
         """Runs the launcher to its end; arguments as for start."""
-        record = self.root.path("/tmp/calls")
-        self.root.put("/tmp/calls", b"")
-        with self.start(*arguments, **how) as process:
+        record = self.root.put(SCRATCH + "/calls", b"")
+        with self.start(*arguments, **options) as process:
             result = process.finish()
         lines = record.read_text().splitlines()
         normal_end = lines[-1:] == ["exit"]

@@ -3,10 +3,8 @@
 import os
 import re
 
+from . import LINUX, impossible
 from .launcher import ABORTED, PROGRAM, SLICE
-from .machine_root import CANNOT_EXIST
-
-LINUX = os.uname().sysname == "Linux"
 
 LIBCXX = b"libc++" in PROGRAM.read_bytes()
 
@@ -45,9 +43,9 @@ def no_runtime(program):
     return ABORTED, rb"Library not loaded: @rpath/libjvm\.dylib"
 
 
-def require_packets(test):
+def require_packets():
     if not LINUX:
-        test.skipTest(CANNOT_EXIST + "a local socket that keeps packets apart")
+        impossible("a Mac has no local socket that keeps packets apart")
 
 
 def terminated(kind, what=None, thrown_by_runtime=False):

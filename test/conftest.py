@@ -1,0 +1,30 @@
+import os
+import pathlib
+import sys
+
+import pytest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
+sys.dont_write_bytecode = True
+
+from support import unavailable  # noqa: E402
+from support.root import Root  # noqa: E402
+
+
+def _root():
+    if os.environ.get("NO_ROOT"):
+        unavailable(os.environ["NO_ROOT"])
+    with Root() as root:
+        yield root
+
+
+@pytest.fixture(scope="session", autouse=True)
+def leftovers():
+    """What an earlier run left that was killed is removed first."""
+    if not os.environ.get("NO_ROOT"):
+        Root.recover()
+
+
+# The directories of a Mac, for one test or for all tests of a file.
+root = pytest.fixture(_root)
+module_root = pytest.fixture(_root, scope="module")
