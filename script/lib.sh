@@ -9,15 +9,19 @@ export CMAKE_BUILD_PARALLEL_LEVEL
 say() { printf '%s\n' "$*" >&2; }
 die() { say "$(basename "$0"): $*"; exit 1; }
 
-# step TEXT COMMAND...: says what is done and how long it took; shows the output of a
-# command that failed, and ends the script with its status.
+# step TEXT COMMAND...: says what is done and how long it took; shows the output of a command that
+# failed, and ends the script with its status. A function ends at its first command that fails, so
+# call step where no condition tests its status.
 step() {
-    local text=$1 log start=$SECONDS status=0
+    local text=$1 log start=$SECONDS status
     shift
     { mkdir -p build/log 2>/dev/null && [ -w build/log ]; } ||
         die "cannot write to $PWD/build; make it writable, or call from a copy of the checkout that is"
     log=build/log/$(printf '%s' "$text" | tr -cs 'A-Za-z0-9' -).log
-    "$@" >"$log" 2>&1 </dev/null || status=$?
+    set +e
+    (set -e; "$@") >"$log" 2>&1 </dev/null
+    status=$?
+    set -e
     if [ $status -ne 0 ]; then
         cat "$log" >&2
         say "$text: failed with status $status after $((SECONDS - start)) s; the output above is in $log"
@@ -28,24 +32,27 @@ step() {
 
 as_root() { if [ "$(id -u)" = 0 ]; then "$@"; else sudo "$@"; fi; }
 
-# need THING:PACKAGE...: each THING is a program on the path or an absolute path; what is
-# missing is installed from Debian's PACKAGE, or named where there is no apt-get.
+# need THING:PACKAGE...: each THING is a program on the path or an absolute path; what is missing is
+# installed from Debian's PACKAGE, or named where there is no apt-get.
 need() {
-    local missing=() pair thing
-    for pair in "$@"; do
-        thing=${pair%%:*}
-        case $thing in
-            /*) [ -e "$thing" ] || missing+=("${pair#*:}") ;;
-            *) command -v "$thing" >/dev/null || missing+=("${pair#*:}") ;;
+    local pair
+    for pair; do
+        shift
+        case $pair in
+            /*) [ -e "${pair%%:*}" ] || set -- "$@" "${pair#*:}" ;;
+            *) command -v "${pair%%:*}" >/dev/null || set -- "$@" "${pair#*:}" ;;
         esac
     done
-    [ ${#missing[@]} -gt 0 ] || return 0
-    command -v apt-get >/dev/null || die "not installed here: ${missing[*]}; install and call again"
+    [ $# = 0 ] || install_packages "$@"
+}
+
+install_packages() {
+    command -v apt-get >/dev/null || die "not installed here: $*; install and call again"
     [ "$(id -u)" = 0 ] || command -v sudo >/dev/null ||
-        die "not installed here: ${missing[*]}; install them as root, or install sudo, and call again"
+        die "not installed here: $*; install them as root, or install sudo, and call again"
     step "Fetching the package lists" as_root apt-get update
-    step "Installing ${missing[*]}" as_root env DEBIAN_FRONTEND=noninteractive \
-        apt-get install -y --no-install-recommends "${missing[@]}"
+    step "Installing $*" as_root env DEBIAN_FRONTEND=noninteractive \
+        apt-get install -y --no-install-recommends "$@"
 }
 
 need_build_tools() {
@@ -54,29 +61,35 @@ need_build_tools() {
         [ -n "${JAVA_HOME:-}" ] || /usr/libexec/java_home >/dev/null 2>&1 || die "no JDK: install one, 11 or later, and call again"
         command -v cmake >/dev/null || die "no cmake: install 3.25 or later and call again"
     else
-        # No empty array: under "set -u" the bash of macOS, 3.2, takes one for unset.
-        set -- g++:g++ make:make cmake:cmake python3:python3
-        [ -n "${JAVA_HOME:-}" ] || set -- "$@" jlink:openjdk-17-jdk-headless
-        need "$@"
+        need g++:g++ make:make cmake:cmake python3:python3
+        [ -n "${JAVA_HOME:-}" ] || need jlink:default-jdk-headless
     fi
 }
 
 need_test_tools() {
-    [ "$(uname)" = Darwin ] || need bwrap:bubblewrap strace:strace readelf:binutils unzip:unzip \
-        /usr/lib/python3/dist-packages/yaml/__init__.py:python3-yaml \
-        /usr/share/java/h2.jar:libh2-java /usr/share/java/slf4j-api.jar:libslf4j-java \
-        /usr/share/java/servlet-api.jar:libservlet-api-java \
-        /usr/include/gtest/gtest.h:libgtest-dev
+    if [ "$(uname)" = Darwin ]; then
+        [ -x build/venv/bin/pytest ] || step "Fetching pytest into build/venv" fetch_pytest
+        return
+    fi
+    local python=/usr/lib/python3/dist-packages java=/usr/share/java
+    need bwrap:bubblewrap strace:strace nm:binutils unzip:unzip /usr/include/gtest/gtest.h:libgtest-dev \
+        $python/pytest:python3-pytest $python/hypothesis:python3-hypothesis $python/yaml:python3-yaml \
+        $java/h2.jar:libh2-java $java/slf4j-api.jar:libslf4j-java $java/servlet-api.jar:libservlet-api-java
+}
+fetch_pytest() {
+    python3 -m venv build/venv
+    build/venv/bin/pip install pytest hypothesis pyyaml
 }
 
-# clang++, with the runtimes of its sanitizers and of libFuzzer, libc++ (the C++ library of
-# macOS) and the sources of GoogleTest, to be compiled for it.
+# clang++, with its sanitizers, libc++ (the C++ library of macOS) and the sources of GoogleTest, to
+# be compiled for it.
 need_clang() {
-    local runtimes=/usr/lib/llvm-14/lib/clang/14.0.6/lib/linux
-    need clang++:clang "$runtimes/libclang_rt.fuzzer-$(uname -m).a:libclang-rt-14-dev" \
-        /usr/lib/llvm-14/include/c++/v1/version:libc++-14-dev \
-        /usr/lib/llvm-14/lib/libc++abi.so:libc++abi-14-dev \
-        /usr/src/googletest/CMakeLists.txt:googletest
+    need clang++:clang /usr/src/googletest/CMakeLists.txt:googletest
+    clang_is_whole || install_packages libclang-rt-dev libc++-dev libc++abi-dev
+}
+clang_is_whole() {
+    clang++ -stdlib=libc++ -fsanitize=address,undefined -x c++ -o /dev/null - 2>/dev/null <<<'#include <string>
+        int main() { return std::string().size(); }'
 }
 
 # build PRESET: configures where that has not been done, and builds.
