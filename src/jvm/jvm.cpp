@@ -15,7 +15,7 @@ public:
         : jvmOptions(options, classPath) {
         rawArgs.version = JNI_VERSION_1_8;
         rawArgs.nOptions = static_cast<jint>(jvmOptions.getRawOptions().size());
-        // The JNI declares no const; the VM only reads.
+        // The JNI's declarations have no const, here and for JNI_CreateJavaVM; the VM only reads.
         rawArgs.options = const_cast<JavaVMOption*>(jvmOptions.getRawOptions().data());
         rawArgs.ignoreUnrecognized = JNI_FALSE;
     }
@@ -128,7 +128,7 @@ void JVM::callJMethod(std::uint64_t id, const std::vector<std::string>& args) {
     const auto registered = registeredMethods.find(id);
     if (registered == registeredMethods.end()) {
         std::ostringstream message;
-        // to_string, because a stream may group digits as the global locale says.
+        // to_string, because a stream groups digits if the global locale does.
         message << "Failed to find method. RegID: '" << std::to_string(id) << "' with args:\n";
         for (const std::string& arg : args) {
             message << "\t" << arg << "\n";
@@ -137,8 +137,8 @@ void JVM::callJMethod(std::uint64_t id, const std::vector<std::string>& args) {
     }
     attachCurrentThread();
     callJavaMethod(registered->second, args);
-    // Detaching makes the VM report an exception that left main now, and not after DestroyJavaVM
-    // has waited for the other threads.
+    // Detaching makes the VM report an exception that escaped the method now, not after
+    // DestroyJavaVM has waited for the other threads.
     detachCurrentThread();
 }
 

@@ -17,9 +17,9 @@ namespace launcher {
 /// Java exceptions are never checked for.
 class JVM {
 public:
-    /// Creates the VM. classPath is a complete option and comes first, before options. All are
-    /// copied for the call only. Throws std::runtime_error if the VM is not created, for example
-    /// because of an option it does not recognise.
+    /// Creates the VM. classPath is a complete option and comes first, before options. The VM gets
+    /// copies, freed before the constructor returns. Throws std::runtime_error if the VM is not
+    /// created, for example because of an option it does not recognise.
     JVM(const std::vector<std::string>& options, const std::string& classPath);
 
     /// Destroys the VM, which waits for every non-daemon Java thread. Never throws.
@@ -38,10 +38,10 @@ public:
     /// counts as a normal return. Throws std::runtime_error if id is not registered.
     void callJMethod(std::uint64_t id, const std::vector<std::string>& args);
 
-    /// Attaches the calling thread and ignores the result.
+    /// Attaches the calling thread; a failure is ignored.
     void attachCurrentThread();
 
-    /// Detaches the calling thread and ignores the result.
+    /// Detaches the calling thread; a failure is ignored.
     void detachCurrentThread();
 
 private:
@@ -55,7 +55,7 @@ private:
     void callJavaMethod(const RegisteredMethod& method, const std::vector<std::string>& args);
 
     JavaVM* jvm;
-    JNIEnv* env;
+    JNIEnv* env;  // of the thread attached last
     std::map<std::uint64_t, RegisteredMethod> registeredMethods;
 };
 

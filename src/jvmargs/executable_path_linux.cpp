@@ -9,6 +9,9 @@
 
 namespace launcher {
 
+// AT_EXECFN is the string given to exec, while /proc/self/exe has its links resolved. The kernel
+// always provides it; without it the conversion of null to a string would abort the process. If
+// getcwd fails, a relative path is returned as it is.
 int getExecutablePath(char* buffer, std::uint32_t* size) {
     std::string path = reinterpret_cast<const char*>(getauxval(AT_EXECFN));
     char workingDir[PATH_MAX];

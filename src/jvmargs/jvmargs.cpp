@@ -23,6 +23,8 @@ std::string installPath(bool isSystemInstall, const std::string& systemPath) {
 std::string getExeDir() {
     std::array<char, 1024> buffer{};
     std::uint32_t size = buffer.size();
+    // The result is ignored: a path that does not fit leaves the buffer zeroed, and the empty
+    // directory is what the header promises then.
     getExecutablePath(buffer.data(), &size);
     const std::string path = buffer.data();
     return path.substr(0, path.find_last_of("/\\"));
@@ -31,7 +33,8 @@ std::string getExeDir() {
 std::string getUserSpecificPath(const std::string& root, const std::string& suffix,
                                 const std::string& separators) {
     const std::string exeDir = getExeDir();
-    // Without root, npos + size() wraps around to size() - 1: such a run still gets a name.
+    // Without root, npos + size() wraps around to size() - 1, on purpose: see
+    // docs/decisions/executable-path.md.
     const std::string rest = exeDir.substr(exeDir.find(root) + root.size());
     return root + rest.substr(0, rest.find_first_of(separators)) + suffix;
 }

@@ -4,8 +4,7 @@
 #include <vector>
 
 /// The product's locations on disk and its default VM options. These functions access no
-/// file, keep no state and do not check that a path exists. They can be called on any thread,
-/// and before main.
+/// file, keep no state and do not check that a path exists.
 namespace launcher {
 
 /// Returns the path of the running executable as the platform reports it, links and dots
@@ -13,14 +12,14 @@ namespace launcher {
 /// string if the path and its terminator need more than 1024 bytes.
 std::string getExeDir();
 
-/// Returns root, the name of the home directory and suffix, joined. The name is what follows
-/// the first root in getExeDir(), up to any character of separators. Without root it begins at
-/// index root.size() - 1 of the directory; throws std::out_of_range if that is past the end.
+/// Returns root, the name of the home directory and suffix, joined. The name begins after the
+/// first root in getExeDir() and ends before the first character that is in separators. Without
+/// root it begins at index root.size() - 1; throws std::out_of_range if that is past the end.
 std::string getUserSpecificPath(const std::string& root, const std::string& suffix,
                                 const std::string& separators);
 
 /// Returns the path of the override file: the system-wide one if isSystemInstall, otherwise the
-/// user's. For the latter it throws as getUserSpecificPath does.
+/// one in the home directory, for which it throws as getUserSpecificPath does.
 std::string getJVMArgsFilePath(bool isSystemInstall);
 
 /// Returns the default VM options, in order, for the same flag as getJVMArgsFilePath. Throws as

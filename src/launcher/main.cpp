@@ -2,13 +2,13 @@
 ///
 ///   1. argv without the program name becomes the command line.
 ///   2. The command line decides the install mode, which is printed at once.
-///   3. The rest of the command line becomes the application arguments; any other
-///      option is rejected and ends the process with status 1.
+///   3. The other arguments become the application arguments; one that begins with "-"
+///      is rejected and ends the process with status 1.
 ///   4. The VM options are the built-in defaults, the allowed lines of the override
 ///      file and, per user, the install marker; a rejected line also ends the process.
 ///   5. Both lists are printed.
 ///   6. The VM is created, the service's main is found, called and waited for, and the
-///      VM is destroyed. Only here are the VM's errors caught.
+///      VM is destroyed. The VM's errors are caught only here.
 ///
 /// The launcher writes no file, reads no environment variable and never changes its working
 /// directory: the class path and the run paths are relative to it.
@@ -33,14 +33,14 @@ namespace {
 constexpr std::string_view USER_INSTALL_ARG = "-Duser.install=1";
 constexpr std::string_view SYS_INSTALL_ARG = "-Duser.install=0";
 
-/// The allow-list of the override file: what a line may begin with.
+/// The override file's allow-list: the prefixes that a line may begin with.
 constexpr std::array<std::string_view, 3> WHITE_LIST_FILE_ARGS = {
     "-Xmx",
     "-Djava.net.preferIPv4Stack=",
     "-Dorv.security.mode=",
 };
 
-/// True for a per-user run. The system-wide switch decides nothing.
+/// Returns true for a per-user run. SYS_INSTALL_ARG has no effect.
 bool isUserInstall(const std::vector<std::string>& commandLine) {
     return std::count(commandLine.begin(), commandLine.end(), USER_INSTALL_ARG) != 0;
 }
@@ -67,10 +67,10 @@ bool isArgInWhiteList(const std::string& arg) {
                        [&arg](std::string_view prefix) { return arg.starts_with(prefix); });
 }
 
-/// Returns the lines of the override file, each a whole option, byte for byte; none if the
-/// file cannot be opened. A read error counts as the end of the file: whether a line that it
-/// cuts short is kept depends on the C++ library (libc++ keeps it, libstdc++ does not). A line
-/// that is not allowed is reported and ends the process with status 1.
+/// Returns the lines of the override file, each a whole option, byte for byte; none if it cannot
+/// be opened. A line that is not allowed is reported and ends the process with status 1. A read
+/// error counts as the end of the file; libc++ keeps the line that it cuts short, libstdc++ does
+/// not.
 std::vector<std::string> getJVMArgsFromFile(bool isUser) {
     std::vector<std::string> fileArgs;
     std::ifstream file(launcher::getJVMArgsFilePath(!isUser));
@@ -78,7 +78,7 @@ std::vector<std::string> getJVMArgsFromFile(bool isUser) {
         return fileArgs;
     }
     std::cout << "jvm_args file found, loading arguments" << std::endl;
-    // Otherwise getline would take an allocation failure for the end of the file.
+    // Otherwise getline would treat an allocation failure as the end of the file.
     file.exceptions(std::ios_base::badbit);
     try {
         std::string line;
@@ -91,7 +91,7 @@ std::vector<std::string> getJVMArgsFromFile(bool isUser) {
             fileArgs.push_back(line);
         }
     } catch (const std::ios_base::failure&) {
-        // A read error counts as the end of the file.
+        // A read error: the end of the file.
     }
     return fileArgs;
 }
@@ -127,7 +127,7 @@ void printJVMAndAppArgs(const std::vector<std::string>& jvmArgs,
 
 namespace launcher {
 
-// Part of the namespace's interface, so -Wmissing-declarations asks for a declaration.
+// Declared for -Wmissing-declarations.
 void printUserLevel(bool isUser);
 
 void printUserLevel(bool isUser) {

@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
-#include <iomanip>
 #include <map>
 #include <memory>
 #include <new>
@@ -52,16 +51,14 @@ jint status(const char* name) {
 }
 
 runtime::Behaviour fromEnvironment() {
-    runtime::Behaviour behaviour;
-    behaviour.createStatus = status("RUNTIME_CREATE_STATUS");
-    behaviour.destroyStatus = status("RUNTIME_DESTROY_STATUS");
-    behaviour.attachStatus = status("RUNTIME_ATTACH_STATUS");
-    behaviour.detachStatus = status("RUNTIME_DETACH_STATUS");
-    behaviour.missingClass = variable("RUNTIME_MISSING_CLASS");
-    behaviour.missingMethod = variable("RUNTIME_MISSING_METHOD");
-    behaviour.error = variable("RUNTIME_ERROR");
-    behaviour.output = variable("RUNTIME_OUTPUT");
-    return behaviour;
+    return {.createStatus = status("RUNTIME_CREATE_STATUS"),
+            .destroyStatus = status("RUNTIME_DESTROY_STATUS"),
+            .attachStatus = status("RUNTIME_ATTACH_STATUS"),
+            .detachStatus = status("RUNTIME_DETACH_STATUS"),
+            .missingClass = variable("RUNTIME_MISSING_CLASS"),
+            .missingMethod = variable("RUNTIME_MISSING_METHOD"),
+            .error = variable("RUNTIME_ERROR"),
+            .output = variable("RUNTIME_OUTPUT")};
 }
 
 int openRecord() {
@@ -69,14 +66,14 @@ int openRecord() {
     if (name.empty() || name == "-") {
         return STDOUT_FILENO;
     }
-    // Not in the place of a closed standard stream, which the launcher writes to.
+    // Never the descriptor of a closed standard stream, which the launcher writes to.
     const int lowest = open(name.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
     const int descriptor = fcntl(lowest, F_DUPFD, STDERR_FILENO + 1);
     close(lowest);
     return descriptor;
 }
 
-/// What a reference stands for. Strings and arrays have their texts, quoted.
+/// What a reference stands for. Strings and arrays have their texts as literals.
 struct Object {
     std::string name;
     std::vector<std::string> texts;
@@ -106,11 +103,6 @@ Object* add(const std::string& kind, std::vector<std::string> texts = {}) {
     return result;
 }
 
-template <typename Reference>
-Reference referenceTo(Object* object) {
-    return reinterpret_cast<Reference>(object);
-}
-
 Object& object(const void* reference) {
     const auto found = current().objects.find(reference);
     if (found == current().objects.end() || found->second->deleted) {
@@ -134,7 +126,7 @@ std::string name(const JNIEnv* env) {
     endTest("The launcher used an env that is not valid.");
 }
 
-std::string quoted(const char* text) {
+std::string literal(const char* text) {
     constexpr std::string_view DIGITS = "0123456789abcdef";
     std::string result = "\"";
     for (; *text != '\0'; ++text) {
@@ -174,7 +166,6 @@ void raise(const std::string& kind) {
     if (kind == "int") {
         throw 1;
     }
-    endTest("The runtime knows no error of the kind '" + kind + "'.");
 }
 
 void writeRecord(const std::string& line) {
@@ -188,14 +179,15 @@ void writeRecord(const std::string& line) {
     writeRecord("exit");
 }
 
-/// Records a call, by the env or through the VM, and throws where it should.
-void record(const std::string& by, const std::string& function, const std::string& arguments,
+/// Records a call of a table's function, "env#1: " in front if it was the env's, and throws the
+/// error that is configured for it.
+void record(const std::string& prefix, const std::string& function, const std::string& arguments,
             const std::string& result = "") {
     if (!onMainThread()) {
         endTest("The launcher called " + function + " on a second thread.");
     }
     const std::string line =
-        by + function + "(" + arguments + ")" + (result.empty() ? "" : " = " + result);
+        prefix + function + "(" + arguments + ")" + (result.empty() ? "" : " = " + result);
     current().calls.push_back(line);
     writeRecord(line);
     std::istringstream error(current().behaviour.error);
@@ -208,53 +200,48 @@ void record(const std::string& by, const std::string& function, const std::strin
     }
 }
 
-std::string by(const JNIEnv* env) {
-    return name(env) + ": ";
-}
-
 jclass JNICALL findClass(JNIEnv* env, const char* className) {
     Object* const result = className == current().behaviour.missingClass ? nullptr : add("class");
-    record(by(env), "FindClass", quoted(className), name(result));
-    return referenceTo<jclass>(result);
+    record(name(env) + ": ", "FindClass", literal(className), name(result));
+    return reinterpret_cast<jclass>(result);
 }
 
 jmethodID JNICALL getStaticMethodID(JNIEnv* env, jclass parent, const char* methodName,
                                     const char* signature) {
     Object* const result =
         methodName == current().behaviour.missingMethod ? nullptr : add("method");
-    record(by(env), "GetStaticMethodID",
-           name(parent) + ", " + quoted(methodName) + ", " + quoted(signature), name(result));
-    return referenceTo<jmethodID>(result);
+    record(name(env) + ": ", "GetStaticMethodID",
+           name(parent) + ", " + literal(methodName) + ", " + literal(signature), name(result));
+    return reinterpret_cast<jmethodID>(result);
 }
 
 jstring JNICALL newStringUTF(JNIEnv* env, const char* bytes) {
-    Object* const result = add("string", {quoted(bytes)});
-    record(by(env), "NewStringUTF", quoted(bytes), name(result));
-    return referenceTo<jstring>(result);
+    Object* const result = add("string", {literal(bytes)});
+    record(name(env) + ": ", "NewStringUTF", literal(bytes), name(result));
+    return reinterpret_cast<jstring>(result);
 }
 
 jobjectArray JNICALL newObjectArray(JNIEnv* env, jsize length, jclass elementClass,
                                     jobject initial) {
     Object* const result = add("array", std::vector<std::string>(static_cast<std::size_t>(length),
                                                                  object(initial).texts.at(0)));
-    record(by(env), "NewObjectArray",
+    record(name(env) + ": ", "NewObjectArray",
            std::to_string(length) + ", " + name(elementClass) + ", " + name(initial), name(result));
-    return referenceTo<jobjectArray>(result);
+    return reinterpret_cast<jobjectArray>(result);
 }
 
 void JNICALL setObjectArrayElement(JNIEnv* env, jobjectArray array, jsize index, jobject element) {
     object(array).texts.at(static_cast<std::size_t>(index)) = object(element).texts.at(0);
-    record(by(env), "SetObjectArrayElement",
+    record(name(env) + ": ", "SetObjectArrayElement",
            name(array) + ", " + std::to_string(index) + ", " + name(element));
 }
 
-/// Every C++ call of CallStaticVoidMethod comes here. What is in the array counts as its
-/// argument in the record.
+/// Every C++ call of CallStaticVoidMethod arrives here. The record shows the array's elements.
 void JNICALL callStaticVoidMethodV(JNIEnv* env, jclass parent, jmethodID method,
                                    va_list arguments) {
     auto* const array = va_arg(arguments, jobjectArray);
     record(
-        by(env), "CallStaticVoidMethod",
+        name(env) + ": ", "CallStaticVoidMethod",
         name(parent) + ", " + name(method) + ", " + name(array) + " " + list(object(array).texts));
     writeTo(STDOUT_FILENO, current().behaviour.output);
 }
@@ -262,7 +249,7 @@ void JNICALL callStaticVoidMethodV(JNIEnv* env, jclass parent, jmethodID method,
 void JNICALL deleteLocalRef(JNIEnv* env, jobject reference) {
     const std::string deleted = name(reference);
     object(reference).deleted = true;
-    record(by(env), "DeleteLocalRef", deleted);
+    record(name(env) + ": ", "DeleteLocalRef", deleted);
 }
 
 template <std::size_t TableSize, std::size_t Slot>
@@ -349,7 +336,7 @@ extern "C" JNIEXPORT jint JNICALL JNI_CreateJavaVM(JavaVM** vm, void** env, void
     }
     std::vector<std::string> options;
     for (jint i = 0; i < init.nOptions; ++i) {
-        options.push_back(quoted(init.options[i].optionString) +
+        options.push_back(literal(init.options[i].optionString) +
                           (init.options[i].extraInfo == nullptr ? "" : "+extraInfo"));
     }
     std::ostringstream arguments;

@@ -3,7 +3,7 @@ package com.vaultory.service;
 import java.util.List;
 import java.util.Map;
 
-/** A report as one line of JSON in pure ASCII, so that strings can be compared exactly. */
+/** Prints a report as one line of JSON in pure ASCII, so that strings can be compared exactly. */
 final class Json {
     private Json() {}
 

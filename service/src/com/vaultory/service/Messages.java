@@ -3,7 +3,7 @@ package com.vaultory.service;
 import java.util.MissingResourceException;
 import java.util.ResourceBundle;
 
-/** The texts of the lang directory, which is on the class path; for a missing text, its key. */
+/** The texts in the lang directory, which is on the class path; a missing text is its key. */
 final class Messages {
     static final String FILE = "messages";
 

@@ -6,8 +6,8 @@ import java.io.PrintStream;
 import java.io.UnsupportedEncodingException;
 
 /**
- * The sample service, to be replaced by a vendor's own. Its first argument says what to do; with
- * none, or an unknown one, it reports what the launcher passed to it.
+ * The sample service, to be replaced by a vendor's own. Its first argument is a command: stay, linger,
+ * throw, exit or version. Without one it reports what the launcher passed to it, as JSON.
  */
 public final class QRService {
     private static final long DEFAULT_SECONDS = 10;
@@ -17,23 +17,19 @@ public final class QRService {
     public static void main(String[] args) throws Exception {
         PrintStream out = utf8(FileDescriptor.out);
         Messages messages = Messages.load();
-        String word = args.length > 0 ? args[0] : "";
-        if (word.equals("json")) {
-            out.println(Json.of(Report.collect(args, messages)));
-        } else if (word.equals("stay")) {
+        String command = args.length > 0 ? args[0] : "";
+        if (command.equals("stay")) {
             stay(seconds(args), out, messages);
-        } else if (word.equals("linger")) {
+        } else if (command.equals("linger")) {
             linger(seconds(args), out, messages);
-        } else if (word.equals("throw")) {
-            throw new IllegalStateException(args.length > 1 ? args[1] : word);
-        } else if (word.equals("exit")) {
+        } else if (command.equals("throw")) {
+            throw new IllegalStateException(args.length > 1 ? args[1] : command);
+        } else if (command.equals("exit")) {
             System.exit(args.length > 1 ? Integer.parseInt(args[1]) : 0);
-        } else if (word.equals("version")) {
+        } else if (command.equals("version")) {
             out.println(Report.version());
-        } else if (word.equals("help")) {
-            out.println(messages.get("help"));
         } else {
-            out.print(Text.of(Report.collect(args, messages), messages));
+            out.println(Json.of(Report.collect(args, messages)));
         }
     }
 

@@ -9,10 +9,7 @@ import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Map;
 
-/**
- * What the launcher passed to the service, as maps, lists, strings and numbers in a fixed order:
- * Text and Json print it.
- */
+/** What the launcher passed to the service: maps, lists, strings and numbers in a fixed order. */
 final class Report {
     /** The properties set by the launcher whose values are paths. */
     private static final List<String> PATH_PROPERTIES = Arrays.asList(
@@ -41,7 +38,6 @@ final class Report {
         List<String> missing = new ArrayList<String>();
         report.put("paths", paths(missing));
         report.put("messages", messages.found() ? "found" : "missing");
-        report.put("logging", LogConfig.read(System.getProperty("orv.log.config")));
         report.put("missing", missing);
         return report;
     }
