@@ -20,6 +20,11 @@ else:
 EMULATOR = ["qemu-aarch64-static", "-L", "/usr/aarch64-linux-gnu"] if SLICE == "arm64" else []
 ABORTED = 128 + 6
 
+PER_USER = b"-Duser.install=1"
+SYSTEM_WIDE = b"-Duser.install=0"
+ALICE = b"/Users/alice"
+OVERRIDE_FILE = "/Library/Application Support/Quillrest/conf/jvm_args"
+
 
 class Run(typing.NamedTuple):
     """A run of the launcher: its output, its calls of the runtime and its end, which is
@@ -54,7 +59,7 @@ class Launcher:
 
     def put_override_file(self, content, home=""):
         """Writes the override file of an installation and returns its path."""
-        return self.root.put(home + "/Library/Application Support/Quillrest/conf/jvm_args", content)
+        return self.root.put(home + OVERRIDE_FILE, content)
 
     def start(self, *arguments, program=None, cwd=None, record=SCRATCH + "/calls", streams=None,
               prefix=(), env=None, **behaviour):
