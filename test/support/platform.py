@@ -5,10 +5,6 @@ from .launcher import ABORTED, PROGRAM, SLICE
 
 LIBCXX = b"libc++" in PROGRAM.read_bytes()
 
-# After a read error, libc++ keeps the line that it cuts short, and does not retry an interrupted read;
-# libstdc++ drops the line and retries.
-KEEPS_LINE_CUT_SHORT = RETRIES_NO_READ = LIBCXX
-
 # Allocations that a run can do without: what libstdc++ reserves for errors; with libc++, which is not
 # linked into the program, those of the stand-in's record.
 SPARE_ALLOCATIONS = 10 if LIBCXX else 1
