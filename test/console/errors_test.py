@@ -12,12 +12,17 @@ STARTED = BEFORE_VM + expected.STARTING
 COMPLETE = STARTED + expected.COMPLETE
 
 
+def by_function(*cases):
+    """Parameters for (function, standard output, calls), named by the function."""
+    return pytest.mark.parametrize("function, stdout, calls", cases, ids=[case[0] for case in cases])
+
+
 def require_common_errors():
     if platform.FOREIGN_ERRORS:
         impossible("the runtime's C++ library is another than the program's")
 
 
-@pytest.mark.parametrize("function, stdout, calls", [
+@by_function(
     ("JNI_CreateJavaVM", BEFORE_VM, CALLS[:1]),
     ("FindClass", BEFORE_VM, CALLS[:2] + DESTRUCTION),
     ("GetStaticMethodID", BEFORE_VM, CALLS[:3] + DESTRUCTION),
@@ -29,7 +34,7 @@ def require_common_errors():
     ("SetObjectArrayElement", STARTED, CALLS[:9] + DESTRUCTION),
     ("CallStaticVoidMethod", STARTED, CALLS[:11] + DESTRUCTION),
     ("DetachCurrentThread", STARTED, CALLS[:12] + DESTRUCTION),
-])
+)
 def test_a_runtime_error_out_of_any_call_is_reported_with_the_vm_destroyed(
         system_wide, function, stdout, calls):
     require_common_errors()
@@ -47,21 +52,21 @@ def test_an_error_derived_from_a_runtime_error_is_reported_too(system_wide):
     ("int", b"int", None),
     ("logic_error", b"std::logic_error", b"a logic error"),
     ("bad_alloc", b"std::bad_alloc", b"std::bad_alloc"),
-])
-@pytest.mark.parametrize("function, stdout, calls", [
+], ids=["int", "logic_error", "bad_alloc"])
+@by_function(
     ("JNI_CreateJavaVM", BEFORE_VM, CALLS[:1]),
     ("CallStaticVoidMethod", STARTED, CALLS[:10]),
-])
+)
 def test_an_error_of_another_kind_aborts_the_run(system_wide, error, kind, what, function, stdout, calls):
     assert (system_wide.run(b"a", error=f"{error} {function}") ==
             Run(ABORTED, stdout, platform.terminated(kind, what, thrown_by_runtime=True), calls,
                 normal_end=False))
 
 
-@pytest.mark.parametrize("function, stdout, calls", [
+@by_function(
     ("DeleteLocalRef", STARTED, CALLS[:11]),
     ("DestroyJavaVM", COMPLETE, CALLS[:13]),
-])
+)
 def test_an_error_while_something_is_released_aborts_the_run(system_wide, function, stdout, calls):
     run = system_wide.run(b"a", error="runtime_error " + function)
     assert run.stderr in platform.terminated_by_runtime(b"std::runtime_error", b"a runtime error")

@@ -12,13 +12,18 @@ def writes(launcher, *arguments, with_stderr=False, **behaviour):
     platform.require_packets()
     ours, theirs = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
     streams = {"stdout": theirs, **({"stderr": theirs} if with_stderr else {})}
+    written = []
     with ours:
         ours.settimeout(60)
         with theirs:
             process = launcher.start(*arguments, record="-", streams=streams, **behaviour)
         with process:
-            written = list(iter(lambda: ours.recv(1 << 20), b""))
-            return process.finish().status, written
+            try:
+                while written[-1:] != [b""]:
+                    written.append(ours.recv(1 << 20))
+            except socket.timeout:
+                raise AssertionError(f"waited 60 s for a write after {written}")
+            return process.finish().status, written[:-1]
 
 
 def failed(message, calls, stdout=expected.before_vm()):

@@ -17,7 +17,9 @@ if SLICE:
 else:
     PROGRAM = BUILD_DIR / "src/OrvaneService"
     RUNTIME = BUILD_DIR / "test/runtime" / LIBRARY
-EMULATOR = ["qemu-aarch64-static", "-L", "/usr/aarch64-linux-gnu"] if SLICE == "arm64" else []
+_MACHINE = SLICE.replace("arm64", "aarch64")
+EMULATOR = ([f"qemu-{_MACHINE}", "-L", f"/usr/{_MACHINE}-linux-gnu"]
+            if SLICE and _MACHINE != os.uname().machine else [])
 ABORTED = 128 + 6
 
 PER_USER = b"-Duser.install=1"

@@ -1,7 +1,7 @@
 """What a test sees differently by system and by C++ library: libc++, a Mac's, or libstdc++."""
 
 from . import LINUX, impossible
-from .launcher import ABORTED, PROGRAM, SLICE
+from .launcher import ABORTED, EMULATOR, PROGRAM, SLICE
 
 LIBCXX = b"libc++" in PROGRAM.read_bytes()
 
@@ -17,7 +17,7 @@ FOREIGN_ERRORS = bool(SLICE)
 NO_RUNTIME = 127 if LINUX and not SLICE else ABORTED
 
 # The emulator's own line for every abort.
-_EMULATOR = b"qemu: uncaught target signal 6 (Aborted) - core dumped\n" if SLICE == "arm64" else b""
+_FROM_EMULATOR = b"qemu: uncaught target signal 6 (Aborted) - core dumped\n" if EMULATOR else b""
 
 
 def require_packets():
@@ -30,15 +30,15 @@ def terminated(kind, what=None, thrown_by_runtime=False):
     if LIBCXX and not (FOREIGN_ERRORS and thrown_by_runtime):
         return (b"libc++abi: terminating " + (b"due to" if SLICE else b"with") +
                 b" uncaught exception of type " + kind +
-                (b"" if what is None else b": " + what) + b"\n" + _EMULATOR)
+                (b"" if what is None else b": " + what) + b"\n" + _FROM_EMULATOR)
     return (b"terminate called after throwing an instance of '" + kind + b"'\n" +
-            (b"" if what is None else b"  what():  " + what + b"\n") + _EMULATOR)
+            (b"" if what is None else b"  what():  " + what + b"\n") + _FROM_EMULATOR)
 
 
 def terminated_by_runtime(kind, what):
     """Each possible standard error if the runtime's error ended the run while something was released:
     the program and the runtime may have different C++ libraries, or copies of one."""
-    return [terminated(kind, what, thrown_by_runtime=True)] + [line + _EMULATOR for line in (
+    return [terminated(kind, what, thrown_by_runtime=True)] + [line + _FROM_EMULATOR for line in (
         b"libc++abi: terminating due to uncaught foreign exception\n", b"libc++abi: terminating\n",
         b"terminate called without an active exception\n")]
 
