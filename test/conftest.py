@@ -8,6 +8,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 sys.dont_write_bytecode = True
 
 from support import unavailable  # noqa: E402
+from support.launcher import Launcher  # noqa: E402
 from support.root import Root  # noqa: E402
 
 
@@ -28,3 +29,15 @@ def leftovers():
 # The directories of a Mac, for one test or for all tests of a file.
 root = pytest.fixture(_root)
 module_root = pytest.fixture(_root, scope="module")
+
+
+@pytest.fixture
+def system_wide(root):
+    """The launcher in /Applications, over the stand-in for the runtime."""
+    return Launcher(root)
+
+
+@pytest.fixture
+def per_user(root):
+    """The same in alice's Applications."""
+    return Launcher(root, "/Users/alice/Applications")

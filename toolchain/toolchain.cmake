@@ -23,8 +23,10 @@ set(CMAKE_CXX_COMPILER_ID Clang)
 set(CMAKE_CXX_COMPILER_VERSION 17.0.3)
 set(CMAKE_CXX_COMPILER_FRONTEND_VARIANT GNU)
 set(CMAKE_CXX_STANDARD_COMPUTED_DEFAULT 17)
-set(CMAKE_AR llvm-ar-14)
-set(CMAKE_RANLIB llvm-ranlib-14)
+execute_process(COMMAND llvm-config --bindir OUTPUT_VARIABLE llvm OUTPUT_STRIP_TRAILING_WHITESPACE
+    COMMAND_ERROR_IS_FATAL ANY)
+set(CMAKE_AR ${llvm}/llvm-ar)
+set(CMAKE_RANLIB ${llvm}/llvm-ranlib)
 
 # zig c++ takes no entitlements; zig build-exe does, and signs. Its options are not clang's.
 set(CMAKE_EXECUTABLE_RUNTIME_CXX_FLAG "-rpath ")
@@ -32,5 +34,5 @@ set(CMAKE_CXX_LINK_EXECUTABLE
     "\"${zig}\" build-exe <OBJECTS> <LINK_LIBRARIES> -femit-bin=<TARGET> -target ${target} -O ReleaseSmall -fstrip -lc -lc++ -headerpad_max_install_names --entitlements \"${root}/bundle/OrvaneService.entitlements\"")
 if(MACOS_OTHER_SLICE)
     list(APPEND CMAKE_CXX_LINK_EXECUTABLE
-        "llvm-lipo-14 -create <TARGET> \"${MACOS_OTHER_SLICE}\" -output <TARGET>")
+        "\"${llvm}/llvm-lipo\" -create <TARGET> \"${MACOS_OTHER_SLICE}\" -output <TARGET>")
 endif()

@@ -1,84 +1,73 @@
-import unittest
+"""C++ errors out of the runtime's functions."""
 
-from support import expected, platform
-from support.launcher import ABORTED, Launcher, Run
+import pytest
 
-ARGUMENTS = [b"a"]
-CALLS = expected.calls(arguments=ARGUMENTS)
-BEFORE_VM = expected.before_vm(arguments=ARGUMENTS)
+from support import expected, impossible, platform
+from support.launcher import ABORTED, Run
 
-# The calls of a run in order, but for those made with the VM gone or within destructors.
-FUNCTIONS = ["JNI_CreateJavaVM", "FindClass", "GetStaticMethodID", "AttachCurrentThread",
-             "FindClass 2", "NewStringUTF", "NewObjectArray", "NewStringUTF 2",
-             "SetObjectArrayElement", "CallStaticVoidMethod"]
-DELETION, DETACHING, DESTRUCTION = len(FUNCTIONS), len(FUNCTIONS) + 1, len(FUNCTIONS) + 2
-
-WHAT = {"int": (b"int",), "logic_error": (b"std::logic_error", b"a logic error"),
-        "bad_alloc": (b"std::bad_alloc", b"std::bad_alloc"),
-        "runtime_error": (b"std::runtime_error", b"a runtime error"),
-        "range_error": (b"std::range_error", b"a range error")}
-TERMINATED = {kind: platform.terminated(*what, thrown_by_runtime=True)
-              for kind, what in WHAT.items()}
-OTHER_KINDS = ["int", "logic_error", "bad_alloc"]
+CALLS = expected.calls(arguments=[b"a"])
+DESTRUCTION = CALLS[-1:]
+BEFORE_VM = expected.before_vm(arguments=[b"a"])
+STARTED = BEFORE_VM + expected.STARTING
+COMPLETE = STARTED + expected.COMPLETE
 
 
-def printed_at(call):
-    """Standard output when the call of this index is made."""
-    printed = BEFORE_VM
-    if call >= FUNCTIONS.index("AttachCurrentThread"):
-        printed += expected.STARTING
-    if call >= DESTRUCTION:
-        printed += expected.COMPLETE
-    return printed
+def by_function(*cases):
+    """Parameters for (function, standard output, calls), named by the function."""
+    return pytest.mark.parametrize("function, stdout, calls", cases, ids=[case[0] for case in cases])
 
 
-def calls_after(call):
-    """What is called when a runtime error leaves the call of this index."""
-    calls = CALLS[:call + 1]
-    if call == FUNCTIONS.index("CallStaticVoidMethod"):
-        calls.append(CALLS[DELETION])
-    if call > 0:
-        calls.append(CALLS[DESTRUCTION])
-    return calls
+def require_common_errors():
+    if platform.FOREIGN_ERRORS:
+        impossible("the runtime's C++ library is another than the program's")
 
 
-class ErrorsTest(unittest.TestCase):
-    maxDiff = None
+@by_function(
+    ("JNI_CreateJavaVM", BEFORE_VM, CALLS[:1]),
+    ("FindClass", BEFORE_VM, CALLS[:2] + DESTRUCTION),
+    ("GetStaticMethodID", BEFORE_VM, CALLS[:3] + DESTRUCTION),
+    ("AttachCurrentThread", STARTED, CALLS[:4] + DESTRUCTION),
+    ("FindClass 2", STARTED, CALLS[:5] + DESTRUCTION),
+    ("NewStringUTF", STARTED, CALLS[:6] + DESTRUCTION),
+    ("NewObjectArray", STARTED, CALLS[:7] + DESTRUCTION),
+    ("NewStringUTF 2", STARTED, CALLS[:8] + DESTRUCTION),
+    ("SetObjectArrayElement", STARTED, CALLS[:9] + DESTRUCTION),
+    ("CallStaticVoidMethod", STARTED, CALLS[:11] + DESTRUCTION),
+    ("DetachCurrentThread", STARTED, CALLS[:12] + DESTRUCTION),
+)
+def test_a_runtime_error_out_of_any_call_is_reported_with_the_vm_destroyed(
+        system_wide, function, stdout, calls):
+    require_common_errors()
+    assert (system_wide.run(b"a", error="runtime_error " + function) ==
+            Run(1, stdout, expected.vm_error(b"a runtime error"), calls))
 
-    def setUp(self):
-        self.launcher = Launcher(self)
 
-    def run_with(self, kind, function):
-        return self.launcher.run(*ARGUMENTS, error=f"{kind} {function}")
+def test_an_error_derived_from_a_runtime_error_is_reported_too(system_wide):
+    require_common_errors()
+    assert (system_wide.run(b"a", error="range_error CallStaticVoidMethod") ==
+            Run(1, STARTED, expected.vm_error(b"a range error"), CALLS[:11] + DESTRUCTION))
 
-    def assert_reported(self, kind, message):
-        for call, function in [*enumerate(FUNCTIONS), (DETACHING, "DetachCurrentThread")]:
-            if platform.FOREIGN_ERRORS:
-                self.assert_aborted(kind, call, function)
-                continue
-            with self.subTest(function):
-                self.assertEqual(self.run_with(kind, function), Run(
-                    1, printed_at(call), expected.vm_error(message), calls_after(call)))
 
-    def assert_aborted(self, kind, call, function, *other_reports):
-        with self.subTest(f"{kind} {function}"):
-            run = self.run_with(kind, function)
-            self.assertIn(run.stderr, [TERMINATED[kind], *other_reports])
-            self.assertEqual(run, Run(ABORTED, printed_at(call), run.stderr, CALLS[:call + 1],
-                                      normal_end=False))
+@pytest.mark.parametrize("error, kind, what", [
+    ("int", b"int", None),
+    ("logic_error", b"std::logic_error", b"a logic error"),
+    ("bad_alloc", b"std::bad_alloc", b"std::bad_alloc"),
+], ids=["int", "logic_error", "bad_alloc"])
+@by_function(
+    ("JNI_CreateJavaVM", BEFORE_VM, CALLS[:1]),
+    ("CallStaticVoidMethod", STARTED, CALLS[:10]),
+)
+def test_an_error_of_another_kind_aborts_the_run(system_wide, error, kind, what, function, stdout, calls):
+    assert (system_wide.run(b"a", error=f"{error} {function}") ==
+            Run(ABORTED, stdout, platform.terminated(kind, what, thrown_by_runtime=True), calls,
+                normal_end=False))
 
-    def test_a_runtime_error_out_of_any_call_is_reported_with_the_vm_destroyed(self):
-        self.assert_reported("runtime_error", b"a runtime error")
 
-    def test_an_error_derived_from_a_runtime_error_is_reported_too(self):
-        self.assert_reported("range_error", b"a range error")
-
-    def test_an_error_of_another_kind_out_of_any_call_aborts_the_run(self):
-        for kind in OTHER_KINDS:
-            for call, function in [*enumerate(FUNCTIONS), (DETACHING, "DetachCurrentThread")]:
-                self.assert_aborted(kind, call, function)
-
-    def test_an_error_of_any_kind_while_something_is_released_aborts_the_run(self):
-        for kind in TERMINATED:
-            for call, function in (DELETION, "DeleteLocalRef"), (DESTRUCTION, "DestroyJavaVM"):
-                self.assert_aborted(kind, call, function, platform.TERMINATED_BY_OTHER_COPY)
+@by_function(
+    ("DeleteLocalRef", STARTED, CALLS[:11]),
+    ("DestroyJavaVM", COMPLETE, CALLS[:13]),
+)
+def test_an_error_while_something_is_released_aborts_the_run(system_wide, function, stdout, calls):
+    run = system_wide.run(b"a", error="runtime_error " + function)
+    assert run.stderr in platform.terminated_by_runtime(b"std::runtime_error", b"a runtime error")
+    assert run == Run(ABORTED, stdout, run.stderr, calls, normal_end=False)

@@ -1,7 +1,6 @@
-/// Preloaded, lets one allocation of the program fail: the one whose number, from 1, the
-/// environment's ALLOCATION_FAULT gives; what libraries allocate counts for nothing, but for
-/// the C++ library, where it is not in the program. Writes
-/// how many there were to /tmp/allocations when the program exits.
+/// Preloaded, counts the program's allocations and those of a C++ library outside of it, not those of
+/// other libraries. The one whose number, from 1, is in the environment's ALLOCATION_FAULT fails; their
+/// count is written to the file ALLOCATIONS when the program exits.
 
 #include <fcntl.h>
 #include <link.h>
@@ -45,7 +44,7 @@ std::array<Range, 2> counted;
 long allocations = 0;
 
 __attribute__((destructor)) void report() {
-    const int file = open("/tmp/allocations", O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    const int file = open(std::getenv("ALLOCATIONS"), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     dprintf(file, "%ld\n", allocations);
     close(file);
 }

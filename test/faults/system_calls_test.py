@@ -1,22 +1,28 @@
-"""A run's system calls as strace lists them, whole, and with each one on the override file failing
-in turn."""
+"""A run's system calls as strace lists them, and with one on the override file failing."""
 
 import re
-import unittest
+
+import pytest
 
 from support import platform
-from support.launcher import Launcher, finished
+from support.launcher import OVERRIDE_FILE, finished
+from support.root import SCRATCH
 
 LINES = [b"-Xmx%dm" % size + b" " * 3000 for size in range(1, 9)]
 CONTENT = b"".join(line + b"\n" for line in LINES)
-PATH = "/Library/Application Support/Quillrest/conf/jvm_args"
-TRACE = "/tmp/trace"
+TRACE = SCRATCH + "/trace"
 
 # Calls that touch neither a file's content nor another process, and those of the dynamic loader.
 HARMLESS = (r"brk|mmap|munmap|mprotect|futex|getrandom|arch_prctl|set_tid_address|set_robust_list|"
             r"rseq|prlimit64|gettid|getpid|(newfstatat|fstat|lseek)\(\d")
 LOADER = (r'execve\(|getcwd\(|f?access(at)?\(.*ld\.so|openat\(.*\.so[.\d]*(cache)?", O_RDONLY\|O|'
           r"(read|pread64|close)\(\d+<[^>]*\.so[.\d]*(cache)?>")
+
+
+@pytest.fixture
+def launcher(system_wide):
+    system_wide.put_override_file(CONTENT)
+    return system_wide
 
 
 def summary(trace):
@@ -33,75 +39,61 @@ def summary(trace):
     return found
 
 
+WITHOUT_FILE = ["write 1", "openat jvm_args O_RDONLY", "write 1"]
+WITH_FILE = [*WITHOUT_FILE, "read 3 jvm_args", "close 3 jvm_args", "write 1"]
+
+
+@pytest.mark.parametrize("arguments, behaviour, calls", [
+    pytest.param([b"a"], {}, [*WITH_FILE, "exit_group 0"], id="system-wide"),
+    pytest.param([b"-Duser.install=1"], {}, [*WITHOUT_FILE, "exit_group 0"], id="without an override file"),
+    pytest.param([b"-x"], {}, ["write 1", "write 2", "exit_group 1"], id="rejected argument"),
+    pytest.param([], {"create_status": -1}, [*WITH_FILE, "write 2", "exit_group 1"], id="no VM"),
+])
+def test_a_run_reads_the_override_file_writes_its_two_streams_and_does_nothing_else(
+        launcher, arguments, behaviour, calls):
+    launcher.run(*arguments, record="", **behaviour, prefix=["strace", "-f", "-y", "-o", TRACE, "--"])
+    assert summary(launcher.root.path(TRACE).read_text()) == calls
+
+
+def run_traced(launcher, *injection):
+    """The run, and its calls on the override file as (name, result)."""
+    run = launcher.run(prefix=["strace", "-o", TRACE, "-P", OVERRIDE_FILE, *injection, "--"])
+    trace = launcher.root.path(TRACE).read_text()
+    return run, re.findall(r"^(\w+)\(.*\) += (-?\d+)", trace, re.MULTILINE)
+
+
+def run_failing(launcher, call, error, number, onwards=""):
+    run, calls = run_traced(launcher, "-e", f"inject={call}:error={error}:when={number}{onwards}")
+    assert [result for name, result in calls if name == call][number - 1] == "-1"
+    return run, calls
+
+
 def lines_read(calls):
-    """The lines of the override file out of what these calls read of it."""
+    """The lines of the override file in what these calls read of it; libc++ keeps one cut short."""
     read = sum(int(result) for name, result in calls if name == "read" and result != "-1")
     lines = CONTENT[:read].split(b"\n")
-    return lines if platform.KEEPS_LINE_CUT_SHORT and lines[-1] else lines[:-1]
+    return lines if platform.LIBCXX and lines[-1] else lines[:-1]
 
 
-class SystemCallsTest(unittest.TestCase):
-    maxDiff = None
+@pytest.mark.parametrize("error", ["ENOENT", "ENOTDIR", "EACCES", "EPERM", "ELOOP", "EMFILE", "ENFILE",
+                                   "ENOMEM", "EINTR", "EIO"])
+def test_whatever_keeps_the_file_from_being_opened_it_counts_as_absent(launcher, error):
+    assert run_failing(launcher, "openat", error, 1) == (finished(), [("openat", "-1")])
 
-    def setUp(self):
-        self.launcher = Launcher(self)
-        self.launcher.put_override_file(CONTENT)
 
-    def run_traced(self, *injection):
-        """The run, and its calls on the override file as (name, result)."""
-        run = self.launcher.run(by=["strace", "-o", TRACE, "-P", PATH, *injection, "--"])
-        trace = self.launcher.root.path(TRACE).read_text()
-        return run, re.findall(r"^(\w+)\(.*\) += (-?\d+)", trace, re.MULTILINE)
+@pytest.mark.parametrize("error", ["EIO", "EISDIR", "ENOMEM", *["EINTR"] * platform.LIBCXX])
+@pytest.mark.parametrize("number", [1, 2, 3])
+def test_a_read_error_counts_as_the_end_of_the_file(launcher, error, number):
+    run, calls = run_failing(launcher, "read", error, number, "+")
+    assert run == finished(lines=lines_read(calls))
 
-    def run_failing(self, call, error, number, onwards=""):
-        run, calls = self.run_traced("-e", f"inject={call}:error={error}:when={number}{onwards}")
-        self.assertEqual([result for name, result in calls if name == call][number - 1], "-1")
-        return run, calls
 
-    def reads(self):
-        """How many reads a run makes that nothing disturbs, which makes no other calls."""
-        run, calls = self.run_traced()
-        self.assertEqual(run, finished(lines=LINES))
-        names = [name for name, _ in calls if name not in ("newfstatat", "lseek")]  # of libc++
-        self.assertEqual(names, ["openat", *["read"] * (len(names) - 2), "close"])
-        self.assertGreater(len(names), 4)
-        return len(names) - 2
+@pytest.mark.parametrize("number", [1, 2, 3])
+def test_after_an_interrupted_read_libstdcxx_retries_and_libcxx_stops(launcher, number):
+    run, calls = run_failing(launcher, "read", "EINTR", number)
+    assert run == finished(lines=lines_read(calls) if platform.LIBCXX else LINES)
 
-    def test_a_run_reads_the_override_file_writes_its_two_streams_and_does_nothing_else(self):
-        absent = ["write 1", "openat jvm_args O_RDONLY", "write 1"]
-        read = [*absent, "read 3 jvm_args", "close 3 jvm_args", "write 1"]
-        for arguments, behaviour, calls in (
-                ([b"a"], {}, [*read, "exit_group 0"]),
-                ([b"-Duser.install=1"], {}, [*absent, "exit_group 0"]),
-                ([b"-x"], {}, ["write 1", "write 2", "exit_group 1"]),
-                ([], {"create_status": -1}, [*read, "write 2", "exit_group 1"])):
-            with self.subTest(arguments, behaviour=behaviour):
-                self.launcher.run(*arguments, record="", **behaviour,
-                                  by=["strace", "-f", "-y", "-o", TRACE, "--"])
-                self.assertEqual(summary(self.launcher.root.path(TRACE).read_text()), calls)
 
-    def test_whatever_keeps_the_file_from_being_opened_it_counts_as_absent(self):
-        for error in ("ENOENT", "ENOTDIR", "EACCES", "EPERM", "ELOOP", "EMFILE", "ENFILE",
-                      "ENOMEM", "EINTR", "EIO"):
-            with self.subTest(error):
-                run, calls = self.run_failing("openat", error, 1)
-                self.assertEqual((run, calls), (finished(), [("openat", "-1")]))
-
-    def test_a_read_error_counts_as_the_end_of_the_file(self):
-        for number in range(1, self.reads() + 1):
-            for error in "EIO", "EISDIR", "ENOMEM", *["EINTR"] * platform.RETRIES_NO_READ:
-                with self.subTest(error, number=number):
-                    run, calls = self.run_failing("read", error, number, "+")
-                    self.assertEqual(run, finished(lines=lines_read(calls)))
-
-    def test_after_an_interrupted_read_the_list_is_whole_unless_the_library_retries_no_read(self):
-        for number in range(1, self.reads() + 1):
-            with self.subTest(number=number):
-                run, calls = self.run_failing("read", "EINTR", number)
-                lines = lines_read(calls) if platform.RETRIES_NO_READ else LINES
-                self.assertEqual(run, finished(lines=lines))
-
-    def test_an_error_of_closing_is_ignored(self):
-        for error in "EIO", "EINTR", "EBADF":
-            with self.subTest(error):
-                self.assertEqual(self.run_failing("close", error, 1)[0], finished(lines=LINES))
+@pytest.mark.parametrize("error", ["EIO", "EINTR", "EBADF"])
+def test_an_error_of_closing_is_ignored(launcher, error):
+    assert run_failing(launcher, "close", error, 1)[0] == finished(lines=LINES)

@@ -1,8 +1,8 @@
-"""What the launcher says on the console and asks of the runtime. Texts of the console and the
-options are bytes, calls are lines of the stand-in's record (see runtime/runtime.h).
+"""What the launcher writes to the console and calls of the runtime. Texts of the console and options
+are bytes, calls are lines of the stand-in's record (see runtime/runtime.h).
 
-home is b"" for a system-wide run; for a per-user run it is b"/Users/" and the home
-directory's name. lines are those of the override file, None where there is no file."""
+home is b"" for a system-wide run and the home directory for a per-user run, such as b"/Users/alice".
+lines are those of the override file, None if there is no file."""
 
 import pathlib
 
@@ -23,7 +23,7 @@ def options(home=b"", lines=None):
 
 
 def launching(home=b"", lines=None):
-    """What is on standard output once the override file has been opened, or has not."""
+    """Standard output up to where the override file has been opened, or has not."""
     return (b"Launching as " + (b"user" if home else b"system") + b"\n" +
             (b"" if lines is None else b"jvm_args file found, loading arguments\n"))
 
@@ -58,7 +58,7 @@ def vm_error(message):
 def creation(home=b"", lines=None):
     """The call that creates the VM, as the stand-in records it, without its result."""
     records = [CLASS_PATH, *options(home, lines)]
-    texts = ", ".join(quoted(record.split(b"\0")[0]) for record in records)
+    texts = ", ".join(recorded(record.split(b"\0")[0]) for record in records)
     return (f"JNI_CreateJavaVM(version=0x10008, ignoreUnrecognized=0, "
             f"nOptions={len(records)}, [{texts}])")
 
@@ -68,9 +68,9 @@ def calls(home=b"", lines=None, arguments=()):
     elements = []
     for index, argument in enumerate(arguments):
         string = f"string#{index + 2}"
-        elements += [f"env#2: NewStringUTF({quoted(argument)}) = {string}",
+        elements += [f"env#2: NewStringUTF({recorded(argument)}) = {string}",
                      f"env#2: SetObjectArrayElement(array#1, {index}, {string})"]
-    array = ", ".join(quoted(argument) for argument in arguments)
+    array = ", ".join(recorded(argument) for argument in arguments)
     return [
         creation(home, lines) + " = env#1",
         'env#1: FindClass("com/vaultory/service/QRService") = class#1',
@@ -87,9 +87,10 @@ def calls(home=b"", lines=None, arguments=()):
     ]
 
 
-def quoted(text):
-    def shown(byte):
+def recorded(text):
+    """A string as the stand-in records it."""
+    def escaped(byte):
         if byte in b'"\\':
             return "\\" + chr(byte)
         return chr(byte) if 0x20 <= byte <= 0x7e else f"\\x{byte:02x}"
-    return '"' + "".join(map(shown, text)) + '"'
+    return '"' + "".join(map(escaped, text)) + '"'

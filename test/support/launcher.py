@@ -17,8 +17,15 @@ if SLICE:
 else:
     PROGRAM = BUILD_DIR / "src/OrvaneService"
     RUNTIME = BUILD_DIR / "test/runtime" / LIBRARY
-EMULATOR = ["qemu-aarch64-static", "-L", "/usr/aarch64-linux-gnu"] if SLICE == "arm64" else []
+_MACHINE = SLICE.replace("arm64", "aarch64")
+EMULATOR = ([f"qemu-{_MACHINE}", "-L", f"/usr/{_MACHINE}-linux-gnu"]
+            if SLICE and _MACHINE != os.uname().machine else [])
 ABORTED = 128 + 6
+
+PER_USER = b"-Duser.install=1"
+SYSTEM_WIDE = b"-Duser.install=0"
+ALICE = b"/Users/alice"
+OVERRIDE_FILE = "/Library/Application Support/Quillrest/conf/jvm_args"
 
 
 class Run(typing.NamedTuple):
@@ -54,7 +61,7 @@ class Launcher:
 
     def put_override_file(self, content, home=""):
         """Writes the override file of an installation and returns its path."""
-        return self.root.put(home + "/Library/Application Support/Quillrest/conf/jvm_args", content)
+        return self.root.put(home + OVERRIDE_FILE, content)
 
     def start(self, *arguments, program=None, cwd=None, record=SCRATCH + "/calls", streams=None,
               prefix=(), env=None, **behaviour):
