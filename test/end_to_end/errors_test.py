@@ -1,78 +1,105 @@
-"""What an operator reads when the installed service cannot start."""
+"""What an operator sees when the installed service cannot start: in the launcher's words, or in those
+of the VM, which differ from JDK to JDK."""
 
 import io
-import unittest
+import os
+import pathlib
+import shutil
+import subprocess
 import zipfile
 
-from support import expected
-from support.bundle import CDS_ARCHIVE, JAR, in_each_mode
-from support.private_root import BUILD_DIR
+import pytest
+
+from support import expected, impossible, LINUX
+from support.bundle import CDS_ARCHIVE, JAR, with_every_jdk
+from support.launcher import ABORTED
+
+INSTANCE_MAIN = """package com.vaultory.service;
+
+public class QRService {
+    public void main(String[] args) {}
+}
+"""
 
 
-class ErrorsTest(unittest.TestCase):
-    maxDiff = None
+def jar_of(files):
+    content = io.BytesIO()
+    with zipfile.ZipFile(content, "w") as jar:
+        for name, data in files.items():
+            jar.writestr(name, data)
+    return content.getvalue()
 
-    def assert_rejected(self, jar, message):
-        """jar replaces the service's; None for no jar."""
-        for bundle in in_each_mode(self, copied=True):
-            bundle.replace(CDS_ARCHIVE, None)  # later VMs warn that it belongs to another jar
-            bundle.replace(JAR, jar)
-            self.assertEqual(
-                bundle.run("hello"),
-                (1, expected.before_vm(bundle.home.encode(), None, [b"hello"]),
-                 expected.vm_error(message)))
 
-    def assert_class_not_found(self, jar):
-        self.assert_rejected(
-            jar, b"Class Error. Couldn't find parent class 'com/vaultory/service/QRService'")
+@pytest.fixture(scope="module")
+def instance_main(tmp_path_factory):
+    """The bytes of a jar in which the service's main is not static."""
+    directory = tmp_path_factory.mktemp("instance_main")
+    (directory / "QRService.java").write_text(INSTANCE_MAIN)
+    home = os.environ.get("JAVA_HOME")
+    javac = pathlib.Path(home, "bin/javac") if home else shutil.which("javac")
+    subprocess.run([javac, "--release", "8", "-Xlint:-options", "-d", ".", "QRService.java"],
+                   cwd=directory, check=True)
+    name = "com/vaultory/service/QRService.class"
+    return jar_of({name: (directory / name).read_bytes()})
 
-    def test_a_missing_jar_is_reported(self):
-        self.assert_class_not_found(None)
 
-    def test_a_jar_that_is_not_a_jar_is_reported(self):
-        self.assert_class_not_found(b"not a jar")
+def assert_rejected(copied, jar, message):
+    copied.replace(CDS_ARCHIVE, None)  # JDK 21 and later warn that it belongs to another jar
+    copied.replace(JAR, jar)
+    assert copied.run("a") == (1, copied.until_vm(b"a"), expected.vm_error(message))
 
-    def test_a_jar_without_the_service_is_reported(self):
-        empty = io.BytesIO()
-        with zipfile.ZipFile(empty, "w") as jar:
-            jar.writestr("META-INF/MANIFEST.MF", "Manifest-Version: 1.0\n")
-        self.assert_class_not_found(empty.getvalue())
 
-    def test_a_jar_whose_main_is_not_static_is_reported(self):
-        jar = BUILD_DIR / "test/end_to_end/instance_main.jar"
-        self.assert_rejected(
-            jar.read_bytes(), b"Couldn't find method 'main' with proper signature of "
-                             b"'([Ljava/lang/String;)V'")
+@pytest.mark.parametrize("jar", [
+    pytest.param(None, id="missing"),
+    pytest.param(b"not a jar", id="not a jar"),
+    pytest.param(jar_of({"META-INF/MANIFEST.MF": "Manifest-Version: 1.0\n"}), id="without the class"),
+])
+def test_a_jar_without_the_service_is_reported(copied, jar):
+    assert_rejected(copied, jar, b"Class Error. Couldn't find parent class 'com/vaultory/service/QRService'")
 
-    def test_a_heap_size_that_the_VM_cannot_read_is_reported(self):
-        for option in b"-Xmx12q", b"-Xmx2g\r", b"-Xmx2g ", b"-Xmx2g -Xms1g":
-            for bundle in in_each_mode(self):
-                bundle.override(option)
-                self.assertEqual(
-                    bundle.run("hello"),
-                    (1, expected.before_vm(bundle.home.encode(), [option], [b"hello"]),
-                     b"Invalid maximum heap size: " + option + b"\n" +
-                     expected.vm_error(b"Error creating JVM: -6")))
 
-    def test_a_heap_size_that_the_VM_cannot_allocate_ends_the_process_with_the_VMs_message(self):
-        for option, reason in (
-                (b"-Xmx1k", b"Too small maximum heap"),
-                (b"-Xmx9000000g",
-                 b"Could not reserve enough space for 9437184000000KB object heap")):
-            for bundle in in_each_mode(self):
-                bundle.override(option)
-                result = bundle.run("hello")
-                stdout = result.stdout.replace(b"000 KB", b"000KB")  # as later VMs write it
-                self.assertEqual(
-                    result._replace(stdout=stdout),
-                    (1, expected.before_vm(bundle.home.encode(), [option], [b"hello"]) +
-                     b"Error occurred during initialization of VM\n" + reason + b"\n", b""))
+def test_a_service_whose_main_is_not_static_is_reported(copied, instance_main):
+    assert_rejected(copied, instance_main, b"Couldn't find method 'main' with proper signature of "
+                                           b"'([Ljava/lang/String;)V'")
 
-    def test_a_carriage_return_in_the_override_file_is_part_of_a_propertys_value(self):
-        option = b"-Dorv.security.mode=strict\r"
-        for bundle in in_each_mode(self):
-            bundle.override(option)
-            result = bundle.run("json")
-            report = bundle.report(result.stdout, b"json", lines=[option])
-            self.assertEqual((result.status, result.stderr), (0, b""))
-            self.assertEqual(report["properties"]["orv.security.mode"], "strict\r")
+
+@with_every_jdk
+@pytest.mark.parametrize("option", [b"-Xmx12q", b"-Xmx2g\r", b"-Xmx2g ", b"-Xmx2g -Xms1g"])
+def test_a_heap_size_that_the_VM_cannot_read_is_reported(bundle, root, option):
+    root.put(bundle.override_file, option + b"\n")
+    assert bundle.run("a") == (1, bundle.until_vm(b"a", lines=[option]),
+                               b"Invalid maximum heap size: " + option + b"\n" +
+                               expected.vm_error(b"Error creating JVM: -6"))
+
+
+def assert_no_service(result, statuses, head):
+    """The VM itself ended the process, with a message of its own, before the service started."""
+    assert result.status in statuses
+    assert result.stdout.startswith(head)
+    assert expected.STARTING not in result.stdout
+    assert result.stdout[len(head):] + result.stderr
+
+
+@with_every_jdk
+@pytest.mark.parametrize("option", [b"-Xmx1k", b"-Xmx9000000g"])
+def test_where_the_VM_cannot_allocate_its_heap_the_service_does_not_start(bundle, root, option):
+    root.put(bundle.override_file, option + b"\n")
+    assert_no_service(bundle.run("a"), [1], bundle.until_vm(b"a", lines=[option]))
+
+
+@pytest.mark.parametrize("megabytes", [100, 400, 1000])
+def test_where_the_VM_finds_no_memory_the_service_does_not_start(bundle, megabytes):
+    if not LINUX:
+        impossible("a Mac does not limit the address space of a process")
+    result = bundle.run("a", prefix=["prlimit", f"--as={megabytes << 20}"])
+    assert_no_service(result, [1], bundle.until_vm(b"a"))
+
+
+@pytest.mark.parametrize("name, size", [
+    ("modules", None), ("modules", 1000), ("libjava", None), ("libjava", 100), ("libjimage", None)])
+def test_with_a_damaged_runtime_the_service_does_not_start(copied, name, size):
+    if name != "modules":
+        name += ".so" if LINUX else ".dylib"
+    content = copied.resource("jre/lib/" + name).read_bytes()
+    copied.replace("jre/lib/" + name, None if size is None else content[:size])
+    assert_no_service(copied.run("a"), [1, ABORTED], copied.until_vm(b"a"))

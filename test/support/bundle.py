@@ -1,90 +1,82 @@
-"""The installed bundle on its real Java runtime."""
+"""The bundle with its real Java runtime: Orvane.app of BUILD_DIR/Applications, or of APPLICATIONS, and
+one with a second JDK if the build has made it. Fixtures are in end_to_end/conftest.py."""
 
 import json
 import os
 import pathlib
-import shutil
+import re
 
-from . import CONTENTS, expected
-from .machine_root import Root
-from .private_root import BUILD_DIR
+import pytest
+
+from . import BUILD_DIR, CONTENTS, LINUX, expected
 
 APPLICATIONS = pathlib.Path(os.environ.get("APPLICATIONS", BUILD_DIR / "Applications"))
-RESOURCES = APPLICATIONS / CONTENTS / "Resources"
+SECOND_APPLICATIONS = BUILD_DIR / "second-jdk/Applications"
 JAR = "lib/com.vaultory.desktop.jar"
 CDS_ARCHIVE = "jre/lib/server/classes.jsa"
 
+MODES = ["system-wide", "per-user"]
+_SECOND = ["second JDK"] if SECOND_APPLICATIONS.exists() and "APPLICATIONS" not in os.environ else []
+JDKS = ["per-user", *_SECOND]
+with_every_jdk = pytest.mark.parametrize("bundle", [*MODES, *_SECOND], indirect=True)
+
+
+def java_version(applications):
+    release = (applications / CONTENTS / "Resources/jre/release").read_text()
+    return re.search('^JAVA_VERSION="(.*)"$', release, re.M).group(1)
+
 
 class Bundle:
-    """A private root with the bundle where a system-wide installation has it, or that of the
-    home: the installed one itself, read-only, or a copy of it for the test to change."""
+    """A bundle installed in the root, in a home directory for per-user runs."""
 
-    def __init__(self, test, home="", copied=False, applications=APPLICATIONS):
-        self.root = Root(test)
+    def __init__(self, root, home=""):
+        self.root = root
         self.home = home
-        self.contents = f"{home}/Applications/{CONTENTS}"
-        if copied:
-            for app in applications.iterdir():
-                shutil.copytree(app, self.root.path(f"{home}/Applications/{app.name}"),
-                                symlinks=True, copy_function=linked)
-        else:
-            self.root.path(home + "/Applications").mkdir(parents=True, exist_ok=True)
-            self.root.bind(applications, home + "/Applications")
+        self.app = pathlib.Path(home or "/", "Applications/Orvane.app")
+        self.contents = self.app.parent / CONTENTS
+        self.override_file = home + "/Library/Application Support/Quillrest/conf/jvm_args"
+
+    def copy(self, root, home):
+        """Installs a copy to be changed, of hard links: what a test changes, it replaces."""
+        copy = Bundle(root, home)
+        root.directory(copy.app.parent)
+        command = ["cp", "-al"] if LINUX else ["cp", "-cRp"]
+        assert root.run([*command, str(self.app), str(copy.app)]) == (0, b"", b"")
+        return copy
 
     def resource(self, name):
-        """Where the test finds a file of the copied Resources."""
-        return self.root.path(f"{self.contents}/Resources/{name}")
+        return self.contents / "Resources" / name
 
     def replace(self, name, content):
-        """Puts other bytes into the place of a copied resource, or takes it away."""
+        """Replaces a file of Resources, or removes it if content is None."""
         self.resource(name).unlink()
         if content is not None:
-            self.resource(name).write_bytes(content)
+            self.root.put(self.resource(name), content)
 
-    def command(self, *arguments):
-        marker = ["-Duser.install=1"] if self.home else []
-        return ["./OrvaneService", *marker, *arguments]
-
-    def how(self, tool_options=None):
+    def start(self, *arguments, tool_options=None, prefix=()):
+        """Starts the launcher, through a command such as prlimit if there is a prefix."""
         env = {"LC_ALL": "C.UTF-8"}  # a Mac's names of files are UTF-8 in any locale
         if tool_options:
             env["JAVA_TOOL_OPTIONS"] = tool_options
-        return {"cwd": self.contents + "/MacOS", "env": env}
+        switch = ["-Duser.install=1"] if self.home else []
+        return self.root.start([*prefix, "./OrvaneService", *switch, *arguments],
+                               cwd=self.contents / "MacOS", env=env)
 
-    def run(self, *arguments, tool_options=None):
-        return self.root.run(self.command(*arguments), **self.how(tool_options))
+    def run(self, *arguments, **options):
+        with self.start(*arguments, **options) as process:
+            return process.finish()
 
-    def start(self, *arguments):
-        return self.root.start(self.command(*arguments), **self.how())
-
-    def override(self, *lines):
-        path = self.home + "/Library/Application Support/Quillrest/conf/jvm_args"
-        self.root.put(path, b"".join(line + b"\n" for line in lines))
-
-    def stdout(self, *arguments, lines=None, service=b""):
-        """Standard output of a run whose main wrote service and returned."""
-        return expected.stdout(self.home.encode(), lines, arguments, service)
+    def until_vm(self, *arguments, lines=None):
+        """Standard output at the time the VM is created."""
+        return expected.before_vm(self.home.encode(), lines, arguments)
 
     def until_main(self, *arguments, lines=None):
-        """Standard output up to the first that main writes."""
-        return expected.before_vm(self.home.encode(), lines, arguments) + expected.STARTING
+        """Standard output at the time main is called."""
+        return self.until_vm(*arguments, lines=lines) + expected.STARTING
 
-    def report(self, stdout, *arguments, lines=None):
-        """The sample's JSON out of a run's standard output; None if the rest is not right."""
+    def report(self, result, *arguments, lines=None, stderr=b""):
+        """The sample's JSON out of a run's output, all else of which is compared."""
         head, tail = self.until_main(*arguments, lines=lines), expected.COMPLETE
-        if not (stdout.startswith(head) and stdout.endswith(tail)):
-            return None
-        return json.loads(stdout[len(head):-len(tail)])
-
-
-def in_each_mode(test, **how):
-    """A system-wide bundle and then a per-user one."""
-    return (Bundle(test, home, **how) for home in ("", "/Users/alice"))
-
-
-def linked(source, target):
-    """Copies a file without its bytes where it can: what a test changes, it replaces."""
-    try:
-        os.link(source, target)
-    except OSError:
-        shutil.copy2(source, target)
+        service = result.stdout[len(head):-len(tail)]
+        assert result == (0, head + service + tail, stderr)
+        return json.loads(service)

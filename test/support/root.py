@@ -140,16 +140,20 @@ class Process(subprocess.Popen):
 
     def expect(self, stdout, timeout=60):
         """Reads standard output up to these bytes, which must be next."""
+        assert self.read_until(stdout, timeout, possible=stdout.startswith) == stdout
+
+    def read_until(self, end, timeout=60, possible=lambda read: True):
+        """Reads standard output up to these bytes, its end, or where they have become impossible."""
         read, deadline = b"", time.monotonic() + timeout
-        while len(read) < len(stdout) and stdout.startswith(read):
+        while not read.endswith(end) and possible(read):
             ready, _, _ = select.select([self.stdout], [], [], max(0, deadline - time.monotonic()))
             if not ready:
-                raise AssertionError(f"waited {timeout} s for {stdout!r}, read {read!r}")
-            part = os.read(self.stdout.fileno(), len(stdout) - len(read))
-            if not part:
+                raise AssertionError(f"waited {timeout} s for {end!r}, read {read!r}")
+            byte = os.read(self.stdout.fileno(), 1)
+            if not byte:
                 break
-            read += part
-        assert read == stdout
+            read += byte
+        return read
 
     def finish(self, timeout=60):
         """Waits for the end and returns a Result with the output not yet read."""
