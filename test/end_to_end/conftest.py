@@ -8,7 +8,8 @@ HOMES = {"system-wide": "", "per-user": "/Users/alice", "second JDK": "/Users/bo
 @pytest.fixture(scope="session", autouse=True)
 def jdks(record_testsuite_property):
     """Says in the results which JDKs the suite runs over."""
-    versions = [java_version(place) for place in [APPLICATIONS, SECOND_APPLICATIONS][:len(JDKS)]]
+    places = [APPLICATIONS, SECOND_APPLICATIONS][:len(JDKS)]
+    versions = [java_version(place) for place in places if place.exists()]
     none = ["no second one in /usr/lib/jvm or named by SECOND_JDK"][len(JDKS) - 1:]
     record_testsuite_property("JDK", ", ".join(versions + none))
 
@@ -17,6 +18,7 @@ def installed(root, name):
     bundle = Bundle(root, HOMES[name])
     if not bundle.app.exists():
         source = SECOND_APPLICATIONS if name == "second JDK" else APPLICATIONS
+        assert source.exists(), f"no bundle: make it with script/bundle --dest {source}"
         root.copy(source / bundle.app.name, bundle.app)
     return bundle
 
