@@ -96,10 +96,9 @@ def test_where_the_VM_finds_no_memory_the_service_does_not_start(bundle, megabyt
 
 
 @pytest.mark.parametrize("name, size", [
-    ("modules", None), ("modules", 1000), ("libjava", None), ("libjava", 100), ("libjimage", None)])
+    ("modules", 0), ("modules", 1000), ("libjava", 0), ("libjava", 100), ("libjimage", 0)])
 def test_with_a_damaged_runtime_the_service_does_not_start(copied, name, size):
     if name != "modules":
         name += ".so" if LINUX else ".dylib"
-    content = copied.resource("jre/lib/" + name).read_bytes()
-    copied.replace("jre/lib/" + name, None if size is None else content[:size])
+    copied.truncate("jre/lib/" + name, size)
     assert_no_service(copied.run("a"), [1, ABORTED], copied.until_vm(b"a"))

@@ -118,9 +118,9 @@ def test_the_classes_of_the_service_come_from_the_CDS_archive(bundle):
     assert (result.status, set(sources)) == (0, {b"shared objects file"})
 
 
-@pytest.mark.parametrize("content", [None, b"truncated"])
-def test_without_a_CDS_archive_that_fits_the_service_runs(copied, content):
-    copied.replace(CDS_ARCHIVE, content)
+@pytest.mark.parametrize("size", [0, 1000])
+def test_without_a_CDS_archive_or_with_a_truncated_one_the_service_runs(copied, size):
+    copied.truncate(CDS_ARCHIVE, size)
     result = copied.run("version")
     # JDK 21 and later warn on standard output.
     stdout = re.sub(rb"\[[\d.]+s\]\[warning\]\[cds\] .*\n", b"", result.stdout)

@@ -9,7 +9,7 @@ KILLED = 128 + 9
 
 
 def files(bundle):
-    return sorted(pathlib.Path(bundle.home or "/Applications").rglob("*"))
+    return sorted(pathlib.Path(bundle.home or bundle.app).rglob("*"))
 
 
 def test_killed_at_any_moment_it_has_written_a_prefix_of_its_output_and_leaves_no_files(bundle):

@@ -22,12 +22,12 @@ with_every_jdk = pytest.mark.parametrize("bundle", [*MODES, *_SECOND], indirect=
 
 
 def java_version(applications):
-    release = (applications / CONTENTS / "Resources/jre/release").read_text()
-    return re.search('^JAVA_VERSION="(.*)"$', release, re.M).group(1)
+    release = applications / CONTENTS / "Resources/jre/release"
+    return re.search('JAVA_VERSION="(.*)"', release.read_text()).group(1)
 
 
 class Bundle:
-    """A bundle installed in the root, in a home directory for per-user runs."""
+    """A bundle in the root, in a home directory for per-user runs."""
 
     def __init__(self, root, home=""):
         self.root = root
@@ -40,8 +40,7 @@ class Bundle:
         """Installs a copy to be changed, of hard links: what a test changes, it replaces."""
         copy = Bundle(root, home)
         root.directory(copy.app.parent)
-        command = ["cp", "-al"] if LINUX else ["cp", "-cRp"]
-        assert root.run([*command, str(self.app), str(copy.app)]) == (0, b"", b"")
+        assert root.run(["cp", "-al" if LINUX else "-cRp", self.app, copy.app]) == (0, b"", b"")
         return copy
 
     def resource(self, name):
@@ -53,14 +52,16 @@ class Bundle:
         if content is not None:
             self.root.put(self.resource(name), content)
 
+    def truncate(self, name, size):
+        """Truncates a file of Resources, or removes it if the size is 0."""
+        self.replace(name, self.resource(name).read_bytes()[:size] or None)
+
     def start(self, *arguments, tool_options=None, prefix=()):
         """Starts the launcher, through a command such as prlimit if there is a prefix."""
-        env = {"LC_ALL": "C.UTF-8"}  # a Mac's names of files are UTF-8 in any locale
-        if tool_options:
-            env["JAVA_TOOL_OPTIONS"] = tool_options
-        switch = ["-Duser.install=1"] if self.home else []
-        return self.root.start([*prefix, "./OrvaneService", *switch, *arguments],
-                               cwd=self.contents / "MacOS", env=env)
+        # A Mac's names of files are UTF-8 in any locale.
+        env = {"LC_ALL": "C.UTF-8", **({"JAVA_TOOL_OPTIONS": tool_options} if tool_options else {})}
+        command = ["./OrvaneService", *["-Duser.install=1"] * bool(self.home), *arguments]
+        return self.root.start([*prefix, *command], cwd=self.contents / "MacOS", env=env)
 
     def run(self, *arguments, **options):
         with self.start(*arguments, **options) as process:
@@ -71,7 +72,7 @@ class Bundle:
         return expected.before_vm(self.home.encode(), lines, arguments)
 
     def until_main(self, *arguments, lines=None):
-        """Standard output at the time main is called."""
+        """The same at the time main is called."""
         return self.until_vm(*arguments, lines=lines) + expected.STARTING
 
     def report(self, result, *arguments, lines=None, stderr=b""):
