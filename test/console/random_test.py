@@ -7,14 +7,12 @@ import re
 from hypothesis import HealthCheck, example, given, settings, strategies as st
 
 from support import expected
-from support.launcher import PROGRAM, Launcher, Run, finished
+from support.launcher import PER_USER, PROGRAM, SYSTEM_WIDE, Launcher, Run, finished
 from support.root import Root
 
-USER, SYSTEM = b"-Duser.install=1", b"-Duser.install=0"
-
 texts = st.binary(max_size=20).map(lambda text: text.replace(b"\0", b""))
-arguments = st.one_of(texts, st.sampled_from([USER, SYSTEM, b"", b" -x", b"-x", b"-", USER + b" "]))
-command_lines = st.builds(list.__add__, st.sampled_from([[], [USER]]), st.lists(arguments, max_size=5))
+arguments = st.one_of(texts, st.sampled_from([PER_USER, SYSTEM_WIDE, b"", b" -x", b"-x", b"-"]))
+command_lines = st.builds(list.__add__, st.sampled_from([[], [PER_USER]]), st.lists(arguments, max_size=5))
 allowed = st.builds(bytes.__add__, st.sampled_from(expected.PREFIXES), st.binary(max_size=20))
 files = st.one_of(
     st.none(), st.binary(max_size=40),
@@ -34,8 +32,8 @@ def home_of(program):
 
 
 def expected_run(command_line, file, program):
-    home = home_of(program) if USER in command_line else b""
-    arguments = [argument for argument in command_line if argument not in (USER, SYSTEM)]
+    home = home_of(program) if PER_USER in command_line else b""
+    arguments = [argument for argument in command_line if argument not in (PER_USER, SYSTEM_WIDE)]
     rejected = [argument for argument in arguments if argument.startswith(b"-")]
     if rejected:
         return Run(1, expected.launching(home), expected.rejected_argument(rejected[0]), [])
@@ -49,12 +47,12 @@ def expected_run(command_line, file, program):
 @settings(max_examples=200, derandomize=True, deadline=None, database=None,
           suppress_health_check=[HealthCheck.too_slow])
 @given(command_lines, files, paths)
-@example([USER], b"\n", "/Users/OrvaneService")
+@example([PER_USER], b"\n", "/Users/OrvaneService")
 def test_a_random_run_is_as_expected(module_root, command_line, file, program):
     with Root() as root:
         launcher = Launcher(root)
         root.put(program, PROGRAM)
         if file is not None:
-            home = home_of(program) if USER in command_line else b""
+            home = home_of(program) if PER_USER in command_line else b""
             launcher.put_override_file(file, os.fsdecode(home))
         assert launcher.run(*command_line, program=program) == expected_run(command_line, file, program)
