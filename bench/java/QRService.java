@@ -1,24 +1,17 @@
 package com.vaultory.service;
 
 import java.io.ByteArrayInputStream;
-import java.nio.charset.StandardCharsets;
-import java.sql.Connection;
-import java.sql.DriverManager;
-import java.sql.Statement;
-import java.util.concurrent.ExecutorService;
-import java.util.concurrent.Executors;
-import java.util.stream.Collectors;
-import java.util.stream.IntStream;
+import java.sql.*;
+import java.util.concurrent.*;
+import java.util.stream.*;
 import javax.net.ssl.SSLContext;
 import javax.xml.parsers.DocumentBuilderFactory;
 
 /** A service that has some 2,000 classes loaded when it says that it is ready. */
 public final class QRService {
-    private QRService() {}
-
     public static void main(String[] args) throws Exception {
-        DocumentBuilderFactory.newInstance().newDocumentBuilder().parse(new ByteArrayInputStream(
-            "<backup><set name='documents'/></backup>".getBytes(StandardCharsets.UTF_8)));
+        byte[] document = "<backup><set name='documents'/></backup>".getBytes("UTF-8");
+        DocumentBuilderFactory.newInstance().newDocumentBuilder().parse(new ByteArrayInputStream(document));
         SSLContext.getDefault();
         ExecutorService workers = Executors.newFixedThreadPool(2);
         workers.submit(() -> IntStream.range(0, 100).mapToObj(Integer::toString)

@@ -1,4 +1,4 @@
-/* The least that hosts the service: the launcher's options, its VM, its main, and no more. */
+/* The minimum that hosts the service: the launcher's options, its VM, its main. */
 #include <jni.h>
 
 static JavaVMOption options[] = {
@@ -6,7 +6,7 @@ static JavaVMOption options[] = {
 #include "options.h"
 };
 
-int main(int argc, char* argv[]) {
+int main(void) {
     JavaVM* vm;
     JNIEnv* env;
     JavaVMInitArgs init = {JNI_VERSION_1_8, sizeof options / sizeof *options, options, JNI_FALSE};
@@ -15,12 +15,8 @@ int main(int argc, char* argv[]) {
     }
     jclass service = (*env)->FindClass(env, "com/vaultory/service/QRService");
     jmethodID run = (*env)->GetStaticMethodID(env, service, "main", "([Ljava/lang/String;)V");
-    jobjectArray arguments =
-        (*env)->NewObjectArray(env, argc - 1, (*env)->FindClass(env, "java/lang/String"), NULL);
-    for (int i = 1; i < argc; ++i) {
-        (*env)->SetObjectArrayElement(env, arguments, i - 1, (*env)->NewStringUTF(env, argv[i]));
-    }
-    (*env)->CallStaticVoidMethod(env, service, run, arguments);
+    jclass string = (*env)->FindClass(env, "java/lang/String");
+    (*env)->CallStaticVoidMethod(env, service, run, (*env)->NewObjectArray(env, 0, string, NULL));
     (*vm)->DestroyJavaVM(vm);
     return 0;
 }

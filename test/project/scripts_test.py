@@ -1,41 +1,18 @@
-"""The scripts on a Mac, which is here a uname that says so; its bash is 3.2."""
-
 import os
-import pathlib
 import re
-import subprocess
-import tempfile
-import unittest
+
+import pytest
 
 from support import ROOT
 
-SCRIPTS = [path.read_text() for place in ("script", "operator", ".ci")
-           for path in (ROOT / place).iterdir() if path.is_file()]
+SCRIPTS = [file for place in ("script", "operator", ".ci", "test") for file in sorted((ROOT / place).iterdir())
+           if file.is_file() and file.read_bytes().startswith(b"#!")]
 
 
-class Scripts(unittest.TestCase):
-    def on_a_mac(self, *command, **env):
-        with tempfile.TemporaryDirectory(dir=os.environ["BUILD_DIR"]) as directory:
-            for name, does in ("uname", "echo Darwin"), ("xcode-select", ":"), ("cmake", ":"):
-                pathlib.Path(directory, name).write_text(f"#!/bin/sh\n{does}\n")
-                pathlib.Path(directory, name).chmod(0o755)
-            run = subprocess.run(command, cwd=ROOT, capture_output=True, text=True, env={
-                "JAVA_HOME": "", **env, "PATH": f"{directory}:{os.environ['PATH']}"})
-        return run.returncode, run.stdout + run.stderr
-
-    def test_JAVA_HOME_names_a_JDK_that_nothing_else_has_to_find(self):
-        tools = "bash", "-c", ". script/lib.sh; need_build_tools"
-        self.assertEqual((0, ""), self.on_a_mac(*tools, JAVA_HOME="/a/jdk"))
-        self.assertEqual((1, "bash: no JDK: install one, 11 or later, and call again\n"),
-                         self.on_a_mac(*tools))
-
-    def test_what_has_to_pass_before_a_change_lands_says_that_it_needs_Debian(self):
-        self.assertEqual((1, ".ci/run runs on Debian alone: here call script/test\n"),
-                         self.on_a_mac(".ci/run"))
-
-    def test_what_the_tools_of_a_Mac_take_otherwise_is_not_used(self):
-        for text in SCRIPTS:
-            self.assertNotRegex(text, r"grep -\w*[ZP]")
-            for name in re.findall(r"\b(\w+)=\(\)", text):  # unset, for its bash, while empty
-                unguarded = re.search(rf'(?<!\+)"\${{{name}\[@\]}}"', text)
-                self.assertTrue(not unguarded or f"${{#{name}[@]}} -gt 0 ]" in text, name)
+@pytest.mark.parametrize("script", SCRIPTS, ids=lambda script: script.name)
+def test_a_script_can_be_called_and_runs_with_the_tools_of_a_mac(script):
+    text = script.read_text()
+    assert os.access(script, os.X_OK)
+    assert not re.search(r"grep -\w*[ZP]", text)
+    for name in re.findall(r"\b(\w+)=\(\)", text):  # its bash 3.2 takes an empty array for unset
+        assert f"${{#{name}[@]}} -gt 0 ]" in text or not re.search(rf'(?<!\+)"\${{{name}\[@\]}}"', text)
