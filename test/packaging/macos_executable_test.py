@@ -1,131 +1,153 @@
-"""The macOS executable that script/cross-macos makes: what LLVM's tools print of each slice, and
-its signature, which they do not read."""
+"""The macOS executable that script/cross-macos makes, each slice: what LLVM's tools print of it, and its
+signature, which they do not read."""
+
 import filecmp
+import hashlib
 import os
-import pathlib
 import re
 import shutil
 import struct
 import subprocess
-import tempfile
-import unittest
 
-from support import ROOT, macho
+import pytest
+from support import LINUX, ROOT, impossible, unavailable
 
 EXECUTABLE = ROOT / "build/macos-universal/src/OrvaneService"
-JVM = "@rpath/libjvm.dylib"
-SYSTEM = "/usr/lib/libSystem.B.dylib"
-TOOLS = ["llvm-otool-14", "llvm-objdump-14", "llvm-nm-14"]
+PROCESSORS = {0x01000007: "x86_64", 0x0100000C: "arm64"}
+LLVM = shutil.which("llvm-config") and subprocess.run(
+    ["llvm-config", "--bindir"], stdout=subprocess.PIPE, text=True, check=True).stdout.strip()
+CODE_DIRECTORY, ENTITLEMENTS = 0, 5  # slots of a signature
 
 
-class ExecutableTest(unittest.TestCase):
-    def setUp(self):
-        missing = None if EXECUTABLE.exists() else str(EXECUTABLE)
-        missing = missing or next((tool for tool in TOOLS if not shutil.which(tool)), None)
-        if missing and os.environ.get("CI") and os.uname().sysname == "Linux":
-            self.fail(f"no {missing}: call script/cross-macos")
-        if missing:
-            self.skipTest(f"no {missing}: script/cross-macos brings it, on Linux")
-        self.slices = macho.slices(EXECUTABLE.read_bytes())
+class Slice:
+    """One slice as bytes, and as a file for LLVM's tools."""
 
-    def each(self, look):
-        return {architecture: look(data) for architecture, data in self.slices.items()}
+    def __init__(self, data, file):
+        self.data, self.file = data, file
+        file.write_bytes(data)
 
-    def both(self, expected):
-        return {"x86_64": expected, "arm64": expected}
+    def printed(self, pattern, tool, *options):
+        """All that the pattern finds in what a tool prints, in order."""
+        command = [f"{LLVM}/llvm-{tool}", *options, self.file]
+        text = subprocess.run(command, stdout=subprocess.PIPE, check=True, text=True).stdout
+        return re.findall(pattern, text, re.MULTILINE)
 
-    def printed(self, pattern, *command):
-        """All that the pattern finds in what a tool prints of each slice, in order."""
-        def look(data):
-            with tempfile.NamedTemporaryFile(dir=ROOT / "build") as file:
-                file.write(data)
-                file.flush()
-                text = subprocess.run([*command, file.name], stdout=subprocess.PIPE, check=True,
-                                      encoding="utf-8").stdout
-            return re.findall(pattern, text, re.MULTILINE)
-        return self.each(look)
 
-    def load_commands(self, pattern):
-        return self.printed(pattern, "llvm-otool-14", "-l")
+def slices():
+    data = EXECUTABLE.read_bytes()
+    magic, count = struct.unpack_from(">II", data)
+    assert magic == 0xCAFEBABE
+    headers = [struct.unpack_from(">5I", data, 8 + 20 * index) for index in range(count)]
+    return [(PROCESSORS[processor], data[offset:offset + size]) for processor, _, offset, size, _ in headers]
 
-    def test_it_has_a_slice_for_either_processor(self):
-        self.assertEqual(["x86_64", "arm64"], list(self.slices))
-        self.assertEqual({"x86_64": ["X86_64"], "arm64": ["ARM64"]},
-                         self.printed(r"^ *MH_MAGIC_64 +(\w+)", "llvm-otool-14", "-hv"))
 
-    def test_it_is_a_position_independent_program(self):
-        self.assertEqual(self.both([("EXECUTE", "TWOLEVEL PIE")]), self.printed(
-            r"^ *MH_MAGIC_64 +\w+ +ALL +0x00 +(\w+) .*\b(TWOLEVEL PIE)$", "llvm-otool-14", "-hv"))
+@pytest.fixture
+def executable():
+    if not LINUX:
+        impossible("script/cross-macos is for Linux")
+    if not EXECUTABLE.exists() or not LLVM:
+        unavailable(f"no {EXECUTABLE}, or no llvm-config: call script/cross-macos")
 
-    def test_it_runs_from_macOS_11_on(self):
-        # LC_VERSION_MIN_* would state it too, for older systems.
-        self.assertEqual(self.both([("LC_BUILD_VERSION", "macos", "11.0")]), self.load_commands(
-            r"cmd (LC_BUILD_VERSION)\n.*\n +platform (\w+)\n.*\n +minos (.*)$"))
-        self.assertEqual(self.both([]), self.load_commands(r"LC_VERSION_MIN\w*"))
 
-    def test_its_run_paths_are_those_of_the_runtime_in_the_bundle(self):
-        self.assertEqual(self.both(["../Resources/jre/lib/server", "../Resources/jre/lib/jli"]),
-                         self.load_commands(r"cmd LC_RPATH\n.*\n +path (.*) \(offset"))
+@pytest.fixture(params=["x86_64", "arm64"])
+def macho(executable, request, tmp_path):
+    assert [processor for processor, _ in slices()] == ["x86_64", "arm64"]
+    return Slice(dict(slices())[request.param], tmp_path / request.param)
 
-    def test_it_needs_the_runtime_library_and_the_system_only(self):
-        # Weak, re-exported, lazy and upward ones would be listed too.
-        self.assertEqual(self.both([("LC_LOAD_DYLIB", JVM), ("LC_LOAD_DYLIB", SYSTEM)]),
-                         self.load_commands(r"cmd (LC_\w+_DYLIB)\n.*\n +name (.*) \(offset"))
 
-    def imports(self):
-        """(symbol, library) of every undefined symbol, in order."""
-        return self.printed(r"\(undefined\) (?:weak )?external (\w+) \(from (\w+)\)",
-                            "llvm-nm-14", "-u", "-m")
+def test_it_is_a_position_independent_program_for_its_processor(macho):
+    assert macho.printed(r"^ *MH_MAGIC_64 +(\w+) +ALL +0x00 +(\w+) .*\b(TWOLEVEL PIE)$", "otool", "-hv") == [
+        (macho.file.name.upper(), "EXECUTE", "TWOLEVEL PIE")]
 
-    def test_it_asks_the_runtime_library_for_one_symbol(self):
-        self.assertEqual(self.both(["_JNI_CreateJavaVM"]), {
-            architecture: [symbol for symbol, library in found if library == "libjvm"]
-            for architecture, found in self.imports().items()})
 
-    def test_its_own_path_is_what_the_system_says_and_that_is_bound_once(self):
-        self.assertEqual(self.both([("libSystem", "__NSGetExecutablePath")]), self.printed(
-            r"^__DATA.* (lib\w+) +(__NSGetExecutablePath)$",
-            "llvm-objdump-14", "--macho", "--bind", "--lazy-bind", "--weak-bind"))
+def test_it_runs_from_macOS_11_on(macho):
+    assert macho.printed(r"cmd (LC_BUILD_VERSION|LC_VERSION_MIN\w*)\n.*\n +platform (\w+)\n.*\n +minos (.*)$",
+                         "otool", "-l") == [("LC_BUILD_VERSION", "macos", "11.0")]
 
-    def test_the_loader_is_told_to_bind_what_is_asked_for_and_no_more(self):
-        bound = self.printed(r"^__DATA.* (lib\w+) +(\w+)$", "llvm-objdump-14", "--macho", "--bind",
-                             "--lazy-bind", "--weak-bind")
-        asked = self.imports()
-        for architecture, found in bound.items():
-            self.assertLessEqual({(symbol, library) for library, symbol in found},
-                                 set(asked[architecture]))
-            self.assertIn(("libjvm", "_JNI_CreateJavaVM"), found)
 
-    def test_the_entitlements_are_the_file_that_a_release_is_signed_with(self):
-        expected = (ROOT / "bundle/OrvaneService.entitlements").read_bytes()
-        self.assertEqual(self.both(expected), self.each(macho.entitlements))
+def test_its_run_paths_are_those_of_the_runtime_in_the_bundle(macho):
+    assert macho.printed(r"cmd LC_RPATH\n.*\n +path (.*) \(offset", "otool", "-l") == [
+        "../Resources/jre/lib/server", "../Resources/jre/lib/jli"]
 
-    def test_its_signature_fits_every_page_and_the_entitlements(self):
-        self.assertEqual(self.both([]), self.each(macho.wrong_hashes))
 
-    def test_a_changed_byte_is_found(self):
-        for architecture, data in self.slices.items():
-            start, blobs = macho.signature(data)
-            directory = blobs[macho.CODE_DIRECTORY]
-            hashes, _, _, pages = struct.unpack_from(">4I", directory, 16)
-            size, at = macho.page_size(data), data.index(directory) + hashes
-            for what, offset, wrong in (
-                    *(("code", offset, offset // size) for offset in (4096, start // 2, start - 1)),
-                    ("header", data.index(b"../Resources/jre/lib/server"), 0),
-                    ("entitlements", data.rindex(b"allow-jit"), -macho.ENTITLEMENTS),
-                    *(("hash", at + 32 * page, page) for page in (0, pages - 1))):
-                with self.subTest(architecture=architecture, what=what, offset=offset):
-                    changed = bytearray(data)
-                    changed[offset] ^= 1
-                    self.assertEqual([wrong], macho.wrong_hashes(bytes(changed)))
+def test_it_needs_the_runtime_library_and_the_system_only(macho):
+    # Weak, re-exported, lazy and upward ones would be listed too.
+    assert macho.printed(r"cmd (LC_\w+_DYLIB)\n.*\n +name (.*) \(offset", "otool", "-l") == [
+        ("LC_LOAD_DYLIB", "@rpath/libjvm.dylib"), ("LC_LOAD_DYLIB", "/usr/lib/libSystem.B.dylib")]
 
-    def test_another_build_directory_gives_the_same_bytes(self):
-        with tempfile.TemporaryDirectory(dir=ROOT / "build", prefix="another ") as directory:
-            cache = str(ROOT / "build/zig/cache")
-            environment = dict(os.environ, ZIG_GLOBAL_CACHE_DIR=cache, ZIG_LOCAL_CACHE_DIR=cache)
-            for command in (["--preset", "macos-x86_64", "-B", directory],
-                            ["--build", directory, "--target", "OrvaneService"]):
-                subprocess.run(["cmake", *command], cwd=ROOT, stdout=subprocess.PIPE, check=True,
-                               env=environment)
-            self.assertTrue(filecmp.cmp(ROOT / "build/macos-x86_64/src/OrvaneService",
-                                        pathlib.Path(directory) / "src/OrvaneService", shallow=False))
+
+def test_the_loader_binds_one_symbol_of_the_runtime_and_no_more_than_is_asked_for(macho):
+    asked = macho.printed(r"\(undefined\) (?:weak )?external (\w+) \(from (\w+)\)", "nm", "-u", "-m")
+    bound = macho.printed(r"^__DATA.* (?=lib)(\w+) +(\w+)$", "objdump", "--macho", "--bind", "--lazy-bind",
+                          "--weak-bind")
+    assert [symbol for symbol, library in asked if library == "libjvm"] == ["_JNI_CreateJavaVM"]
+    assert ("libjvm", "_JNI_CreateJavaVM") in bound
+    assert bound.count(("libSystem", "__NSGetExecutablePath")) == 1  # its own path is what the system says
+    assert {(symbol, library) for library, symbol in bound} <= set(asked)
+
+
+def signature(data):
+    """(where it begins, {slot: blob}) of a slice."""
+    at = 32
+    for _ in range(struct.unpack_from("<I", data, 16)[0]):
+        command, length, start, size = struct.unpack_from("<4I", data, at)
+        at += length
+        if command == 0x1D:  # LC_CODE_SIGNATURE
+            break
+    whole = data[start:start + size]
+    magic, _, count = struct.unpack_from(">3I", whole)
+    assert (command, magic) == (0x1D, 0xFADE0CC0)
+    places = [struct.unpack_from(">II", whole, 12 + 8 * index) for index in range(count)]
+    return start, {slot: whole[place:place + struct.unpack_from(">I", whole, place + 4)[0]]
+                   for slot, place in places}
+
+
+def wrong_hashes(data):
+    """What the code directory's hashes do not fit: page numbers from 0 on, and the negative
+    numbers of special slots; and "end" if they leave out some of the file."""
+    start, blobs = signature(data)
+    directory = blobs[CODE_DIRECTORY]
+    magic, hashes, special, pages, limit, *kind = struct.unpack_from(">I12xI4x3I2B", directory)
+    assert (magic, kind) == (0xFADE0C02, [32, 2]), "not SHA-256"
+    size = 1 << directory[39]
+
+    def stored(slot):
+        return directory[hashes + 32 * slot:][:32]
+
+    content = {page: data[page * size:min((page + 1) * size, limit)] for page in range(pages)}
+    content.update({-slot: blob for slot, blob in blobs.items() if 0 < slot < 0x1000})
+    wrong = [slot for slot, part in content.items()
+             if -slot > special or stored(slot) != hashlib.sha256(part).digest()]
+    wrong += [-slot for slot in range(1, special + 1) if -slot not in content and stored(-slot) != bytes(32)]
+    return wrong + ["end"] * (limit != start or pages != -(-limit // size))
+
+
+def test_its_signature_fits_every_page_and_has_the_entitlements_of_a_release(macho):
+    assert wrong_hashes(macho.data) == []
+    blob = signature(macho.data)[1][ENTITLEMENTS]
+    assert blob[:4].hex() == "fade7171"
+    assert blob[8:] == (ROOT / "bundle/OrvaneService.entitlements").read_bytes()
+
+
+def test_a_changed_byte_is_found(macho):
+    start, blobs = signature(macho.data)
+    directory = blobs[CODE_DIRECTORY]
+    hashes, _, _, pages = struct.unpack_from(">4I", directory, 16)
+    size, at = 1 << directory[39], macho.data.index(directory) + hashes
+    for offset, wrong in [*((offset, offset // size) for offset in (4096, start // 2, start - 1)),
+                          (macho.data.index(b"../Resources/jre/lib/server"), 0),
+                          (macho.data.rindex(b"allow-jit"), -ENTITLEMENTS),
+                          *((at + 32 * page, page) for page in (0, pages - 1))]:
+        changed = bytearray(macho.data)
+        changed[offset] ^= 1
+        assert wrong_hashes(bytes(changed)) == [wrong]
+
+
+def test_another_build_directory_gives_the_same_bytes(executable, tmp_path):
+    cache = str(ROOT / "build/zig/cache")
+    environment = {**os.environ, "ZIG_GLOBAL_CACHE_DIR": cache, "ZIG_LOCAL_CACHE_DIR": cache}
+    other = tmp_path / "another one"
+    for options in ["--preset", "macos-x86_64", "-B", other], ["--build", other, "--target", "OrvaneService"]:
+        subprocess.run(["cmake", *options], cwd=ROOT, stdout=subprocess.PIPE, check=True, env=environment)
+    assert filecmp.cmp(ROOT / "build/macos-x86_64/src/OrvaneService", other / "src/OrvaneService",
+                       shallow=False)
