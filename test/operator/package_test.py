@@ -1,0 +1,83 @@
+"""The scripts that the Installer runs as root for the installer package, in bundle/package."""
+
+import os
+import subprocess
+
+import pytest
+from support import CONTENTS, LINUX, ROOT, impossible
+
+PARENT = "/Library/Application Support"
+STAGE = PARENT + "/Orvane.installing"
+INSTALL = f"{STAGE}/{CONTENTS}/Resources/operator/install"
+
+
+@pytest.fixture
+def stage(root):
+    if LINUX:
+        root.directory(PARENT + "/another's")
+        for directory in "/Library", PARENT:  # as on a Mac
+            os.chown(directory, 0, 0)
+    for tool in "find", "rm":
+        root.put(f"/tmp/orvane/{tool}", b"#!/bin/sh\necho the caller's $0\n", 0o755)
+    return root.path(STAGE)
+
+
+def call(script, volume="/"):
+    """(status, output)"""
+    done = subprocess.run([ROOT / "bundle/package" / script, "/Orvane.pkg", STAGE, volume, "/"], text=True,
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                          env={"PATH": "/tmp/orvane:/usr/bin:/bin"})
+    return done.returncode, done.stdout
+
+
+@pytest.mark.parametrize("status", [0, 3])
+def test_the_bundle_that_was_put_beside_installs_itself(root, stage, status):
+    root.put(INSTALL, b"#!/bin/sh\necho installs by $PATH; echo error >&2; exit %d\n" % status, 0o755)
+    assert call("postinstall") == (status, "installs by /usr/bin:/bin:/usr/sbin:/sbin\nerror\n")
+    assert not stage.exists()
+
+
+def test_what_an_interrupted_installation_left_is_removed_first(root, stage):
+    root.put(INSTALL, b"")
+    assert (call("preinstall"), stage.exists()) == ((0, ""), False)
+    stage.symlink_to(root.put("/tmp/orvane/others/file", b"").parent)
+    assert (call("preinstall"), os.path.lexists(stage)) == ((0, ""), False)
+    assert os.listdir("/tmp/orvane/others") == ["file"]
+
+
+def test_another_volume_is_rejected(root, stage):
+    root.put(INSTALL, b"")
+    assert call("preinstall", "/Volumes/Other") == (
+        1, "preinstall: '/Volumes/Other' is not the running system; install there\n")
+    assert stage.exists()
+
+
+def swap(directory):
+    """Puts a link where a directory was, or the directory back."""
+    if os.path.islink(directory):
+        os.unlink(directory)
+        os.rename(directory + ".real", directory)
+    else:
+        os.rename(directory, directory + ".real")
+        os.symlink(directory + ".real", directory)
+
+
+@pytest.mark.parametrize("directory", ["/Library", PARENT])
+@pytest.mark.parametrize("change, undo", [
+    (lambda path: os.chmod(path, 0o775), lambda path: os.chmod(path, 0o755)),
+    (lambda path: os.chmod(path, 0o757), lambda path: os.chmod(path, 0o755)),
+    (lambda path: os.chown(path, 1, -1), lambda path: os.chown(path, 0, -1)), (swap, swap)],
+    ids=["group", "everybody", "owner", "link"])
+def test_nothing_is_put_where_others_may_write(root, stage, directory, change, undo):
+    if not LINUX:
+        impossible("a Mac needs these directories as they are")
+    try:
+        change(directory)
+    except OSError as error:  # a namespace with one user, or /Library is a mount
+        impossible(str(error))
+    try:
+        assert call("preinstall") == (1, f"preinstall: {directory} must be a directory where only root may "
+                                         "write; chown root, chmod go-w\n")
+    finally:
+        undo(directory)
+    assert call("preinstall") == (0, "")

@@ -1,0 +1,384 @@
+"""script/release-macos over a made-up bundle, with stand-ins for the Mac's tools (mac_tools.py)."""
+
+import io
+import json
+import os
+import pathlib
+import plistlib
+import re
+import signal
+import struct
+import subprocess
+import sys
+import time
+import uuid
+import zipfile
+
+import pytest
+from support import ROOT, impossible
+
+SCRIPT = ROOT / "script/release-macos"
+TOOLS = "codesign ditto hdiutil install_name_tool pkgbuild pkgutil productbuild sleep spctl xcrun".split()
+SERVICE = "Contents/Library/LaunchServices/OrvaneService.app"
+RESOURCES = SERVICE + "/Contents/Resources"
+LAUNCHER = SERVICE + "/Contents/MacOS/OrvaneService"
+LIBJVM = RESOURCES + "/jre/lib/server/libjvm.dylib"
+ARM64, X86_64, PROGRAM, LIBRARY = 0x0100000C, 0x01000007, 2, 6
+JAVA_CLASS = bytes.fromhex("cafebabe00000034") + b"\3" * 32
+DEVELOPER = ["--sign", "Developer ID Application: A B", "--sign-package", "Developer ID Installer: A B",
+             "--notarize", "a profile"]
+
+
+def macho(kind, *processors):
+    """The headers of a Mach-O file, a universal one for several processors."""
+    slices = [struct.pack("<4I16x", 0xFEEDFACF, processor, 0, kind) for processor in processors]
+    start = 8 + 20 * len(slices)
+    headers = [struct.pack(">5I", processor, 0, start + 32 * index, 32, 0)
+               for index, processor in enumerate(processors)]
+    return slices[0] if len(slices) == 1 else b"".join(
+        [struct.pack(">2I", 0xCAFEBABE, len(slices)), *headers, *slices])
+
+
+BOTH = macho(PROGRAM, X86_64, ARM64)
+
+
+class Release:
+    """A bundle, its directory, and the script's calls there."""
+
+    def __init__(self, directory):
+        self.dist = directory / "a directory"
+        self.app = self.dist / "Orvane.app"
+        self.calls = directory / "calls"
+        self.tools = directory / "tools"
+        self.path = f"{self.tools}:{os.path.dirname(sys.executable)}:/usr/bin:/bin"
+        self.tools.mkdir()
+        for name in TOOLS:
+            (self.tools / name).symlink_to(pathlib.Path(__file__).with_name("mac_tools.py"))
+        info = {"CFBundleShortVersionString": "2.1.0", "CFBundleIdentifier": "com.example.backup"}
+        for name, content in {
+                "Contents/Info.plist": plistlib.dumps(info),
+                SERVICE + "/Contents/Info.plist": plistlib.dumps({"LSMinimumSystemVersion": "11.0"}),
+                LAUNCHER: BOTH,
+                SERVICE + "/Contents/Frameworks/libnative.dylib": macho(LIBRARY, X86_64, ARM64),
+                RESOURCES + "/bin/helper": macho(PROGRAM, ARM64),
+                RESOURCES + "/bin/script": b"#!/bin/sh\n",
+                RESOURCES + "/lang/Texts.class": JAVA_CLASS,
+                RESOURCES + "/jre/bin/java": macho(PROGRAM, ARM64),
+                RESOURCES + "/jre/lib/jspawnhelper": macho(PROGRAM, ARM64),
+                RESOURCES + "/jre/lib/libjava.dylib": macho(LIBRARY, ARM64),
+                RESOURCES + "/jre/lib/modules": bytes.fromhex("dadafeca"),
+                LIBJVM: macho(LIBRARY, ARM64)}.items():
+            self.put(name, content)
+        (self.app / RESOURCES / "jre/lib/libjvm.dylib").symlink_to("server/libjvm.dylib")
+
+    def put(self, name, content):
+        file = self.app / name
+        file.parent.mkdir(parents=True, exist_ok=True)
+        file.write_bytes(content)
+        file.chmod(0o755 if content[12:13] == b"\2" or content[:1] == b"#" or content == BOTH else 0o644)
+
+    def start(self, *arguments, umask=0o022, app=None, **environment):
+        self.calls.unlink() if self.calls.exists() else None
+        return subprocess.Popen(
+            [SCRIPT, *arguments, app or self.app], umask=umask, text=True, stdin=subprocess.DEVNULL,
+            env={"PATH": self.path, "CALLS": str(self.calls), **environment},
+            stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+            preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL))  # a background job ignores it
+
+    def run(self, *arguments, **how):
+        """(status, standard output, standard error without the times)"""
+        with self.start(*arguments, **how) as process:
+            output, errors = process.communicate(timeout=60)
+        return process.returncode, output, re.sub(r"^    \d+ s\n", "", errors, flags=re.MULTILINE)
+
+    def called(self):
+        return self.calls.read_text() if self.calls.exists() else ""
+
+    def made(self):
+        return sorted(path.name for path in self.dist.iterdir())
+
+
+COMMANDS = """\
+cd DIST
+mkdir WORK WORK/root
+ditto --norsrc --noextattr --noacl --noqtn Orvane.app COPY
+ditto --norsrc --noextattr --noacl --noqtn BUNDLE/package WORK/scripts
+chmod -R u=rwX,go=rX WORK/root WORK/scripts
+install_name_tool -rpath ../Resources/jre/lib/server @executable_path/../Resources/jre/lib/server \
+COPY/LAUNCHER
+install_name_tool -rpath ../Resources/jre/lib/jli @executable_path/../Resources/jre/lib/jli COPY/LAUNCHER
+SIGN COPY/RESOURCES/jre/lib/server/libjvm.dylib
+SIGN --entitlements BUNDLE/java.entitlements COPY/RESOURCES/jre/bin/java
+SIGN COPY/RESOURCES/jre/lib/jspawnhelper
+SIGN COPY/RESOURCES/jre/lib/libjava.dylib
+SIGN COPY/RESOURCES/bin/helper
+SIGN COPY/SERVICE/Contents/Frameworks/libnative.dylib
+SIGN --entitlements BUNDLE/OrvaneService.entitlements COPY/SERVICE
+SIGN COPY
+codesign --verify --deep --strict --verbose=2 COPY/SERVICE
+codesign --verify --deep --strict --verbose=2 COPY
+hdiutil create -ov -volname Orvane -fs APFS -srcfolder WORK/root WORK/NAME.dmg
+codesign --force --sign 'Developer ID Application: A B' --timestamp WORK/NAME.dmg
+pkgbuild --root WORK/root --component-plist BUNDLE/component.plist --scripts WORK/scripts \
+--identifier com.example.backup --version 2.1.0 \
+--install-location '/Library/Application Support/Orvane.installing' --ownership recommended WORK/component.pkg
+cat >WORK/distribution.xml <<'END'
+<?xml version="1.0" encoding="utf-8"?>
+<installer-gui-script minSpecVersion="2">
+    <title>Orvane</title>
+    <options customize="never" require-scripts="false" hostArchitectures="arm64"/>
+    <domains enable_anywhere="false" enable_currentUserHome="false" enable_localSystem="true"/>
+    <volume-check>
+        <allowed-os-versions><os-version min="11.0"/></allowed-os-versions>
+    </volume-check>
+    <choices-outline><line choice="default"/></choices-outline>
+    <choice id="default" title="Orvane"><pkg-ref id="com.example.backup"/></choice>
+    <pkg-ref id="com.example.backup" version="2.1.0" onConclusion="none">component.pkg</pkg-ref>
+</installer-gui-script>
+END
+productbuild --distribution WORK/distribution.xml --package-path WORK --sign 'Developer ID Installer: A B' \
+--timestamp WORK/NAME.pkg
+xcrun notarytool submit WORK/NAME.dmg --keychain-profile 'a profile' --wait --output-format json
+xcrun stapler staple WORK/NAME.dmg
+xcrun notarytool submit WORK/NAME.pkg --keychain-profile 'a profile' --wait --output-format json
+xcrun stapler staple WORK/NAME.pkg
+spctl --assess --verbose --type open --context context:primary-signature WORK/NAME.dmg
+spctl --assess --verbose --type install WORK/NAME.pkg
+pkgutil --check-signature WORK/NAME.pkg
+mv -f WORK/NAME.dmg WORK/NAME.pkg .
+rm -rf WORK
+""".replace("\\\n", "")
+NAME = "Orvane-2.1.0-arm64"
+for word, words in {
+        "SIGN": "codesign --force --sign 'Developer ID Application: A B' --timestamp --options runtime",
+        "COPY": "WORK/root/Orvane.app", "WORK": "NAME.partial", "NAME": NAME, "LAUNCHER": LAUNCHER,
+        "RESOURCES": RESOURCES, "SERVICE": SERVICE, "BUNDLE": f"{ROOT}/bundle"}.items():
+    COMMANDS = re.sub(rf"\b{word}\b", words, COMMANDS)
+# What a release prints while it executes: no generated files, no removal of its directory.
+EXECUTED = re.sub(r"cat >.*?\nEND\n|rm -rf .*\n", "", COMMANDS, flags=re.DOTALL)
+CALLS = [line for line in EXECUTED.splitlines() if line.split()[0] in TOOLS]
+
+
+@pytest.fixture
+def release(tmp_path):
+    made = Release(tmp_path)
+    made.prints = {name: text.replace("DIST", f"'{made.dist}'") for name, text in (
+        ("commands", COMMANDS), ("executed", EXECUTED))}
+    return made
+
+
+def test_a_dry_run_prints_the_commands_that_a_release_executes(release):
+    assert release.run("--dry-run", *DEVELOPER) == (
+        0, release.prints["commands"], f"Would make {NAME}.dmg and {NAME}.pkg in {release.dist}\n")
+    assert (release.made(), release.called()) == (["Orvane.app"], "")
+    answer = '{"id": "12-ab", "status": "Accepted", "message": "Processing complete"}\n'
+    assert release.run(*DEVELOPER) == (
+        0, release.prints["executed"], f"{answer * 2}Made {NAME}.dmg and {NAME}.pkg in {release.dist}\n")
+    assert release.called().splitlines() == CALLS
+    assert release.made() == [NAME + ".dmg", NAME + ".pkg", "Orvane.app"]
+
+
+def test_modes_are_right_whatever_the_umask_and_the_bundle_s_modes(release):
+    (release.app / LIBJVM).chmod(0o600)
+    (release.app / LAUNCHER).chmod(0o4710)
+    (release.app / RESOURCES).chmod(0o700)
+    assert release.run("--sign", "-", umask=0o077)[0] == 0
+    image = json.loads((release.dist / (NAME + ".dmg")).read_text())
+    package = json.loads((release.dist / (NAME + ".pkg")).read_text())
+    plain = {name for name, mode in image.items() if mode == "0o644"}
+    assert {os.path.basename(name) for name in plain} == {
+        "Info.plist", "Texts.class", "libjava.dylib", "libjvm.dylib", "libnative.dylib", "modules"}
+    assert {mode for name, mode in image.items() if name not in plain} == {"0o755"} and "." in image
+    assert package["payload"] == image
+    assert package["scripts"] == {".": "0o755", "postinstall": "0o755", "preinstall": "0o755"}
+
+
+def test_signed_for_this_machine_each_program_accepts_any_library(release):
+    expected = release.prints["executed"].replace(" --sign 'Developer ID Installer: A B' --timestamp", "")
+    expected = expected.replace("'Developer ID Application: A B' --timestamp", "- --timestamp=none")
+    expected = re.sub(r"xcrun .*?(?=mv )", "", expected, flags=re.DOTALL)
+    expected = re.sub(r"runtime( --entitlements \S+)? (\S+/(java|jspawnhelper|helper)\n)",
+                      rf"runtime --entitlements {ROOT}/bundle/OrvaneService.entitlements \2", expected)
+    assert release.run("--sign", "-") == (
+        0, expected, f"Made {NAME}.dmg and {NAME}.pkg in {release.dist}, not notarized: "
+        "a Mac that downloads them would refuse them\n")
+
+
+def test_a_step_that_fails_ends_the_release_with_its_status_and_leaves_nothing(release):
+    (release.dist / (NAME + ".pkg")).write_text("a former release")
+    for number, line in enumerate(CALLS):
+        tool, what = line.split()[:2]
+        if (tool, what) == ("codesign", "--force") and line != CALLS[4] and ".dmg" not in line:
+            continue  # one of the bundle's files is enough
+        tries = {"create": 5, "stapler": 6}.get(what, 1)
+        status, _, errors = release.run(*DEVELOPER, FAIL=line)
+        called = [call for call in release.called().splitlines() if call != "sleep 20"]
+        assert (status, called) == (7, CALLS[:number] + [line] * tries)
+        assert errors.endswith(f"release-macos: {tool} failed with status 7; nothing was released\n")
+        assert release.made() == [NAME + ".pkg", "Orvane.app"]
+    assert (release.dist / (NAME + ".pkg")).read_text() == "a former release"
+
+
+@pytest.mark.parametrize("tool", ["hdiutil", "xcrun stapler"])
+def test_what_fails_for_a_while_is_repeated(release, tool):
+    line = next(line for line in CALLS if line.startswith(tool))
+    status, _, errors = release.run(*DEVELOPER, FAIL=line, FAIL_TIMES="2")
+    at = CALLS.index(line)
+    assert release.called().splitlines() == CALLS[:at] + [line, "sleep 20"] * 2 + CALLS[at:]
+    assert (status, errors.count("    status 7; again in 20 s\n")) == (0, 2)
+
+
+@pytest.mark.parametrize("answer", [
+    '{"id": "12-ab", "status": "Invalid", "message": "Accepted"}', '{"id": "12-ab", "message": "Accepted"}',
+    "status: Accepted", '["Accepted"]', ""])
+def test_any_other_answer_of_the_notary_service_than_acceptance_ends_the_release(release, answer):
+    asked = '"id"' in answer
+    status, output, errors = release.run(*DEVELOPER, ANSWER=answer)
+    expected = ["xcrun notarytool log 12-ab --keychain-profile 'a profile'"] * asked
+    submitted = next(number for number, line in enumerate(CALLS) if "notarytool submit" in line)
+    assert release.called().splitlines() == CALLS[:submitted + 1] + expected
+    assert (status, output.endswith("the reasons of 12-ab\n"), release.made()) == (1, asked, ["Orvane.app"])
+    assert errors == answer + (f"\nrelease-macos: the notary service did not accept {NAME}.dmg, see above; "
+                               "nothing was released\n")
+
+
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP])
+def test_a_release_that_is_interrupted_leaves_nothing(release, number):
+    line = next(line for line in CALLS if line.startswith("pkgbuild"))
+    with release.start(*DEVELOPER, HANG=line) as process:
+        while line not in release.called():
+            time.sleep(0.01)
+        process.send_signal(number)
+        _, errors = process.communicate(timeout=30)
+    assert (process.returncode, "Traceback" in errors) == (128 + number, False)
+    assert release.made() == ["Orvane.app"]
+
+
+@pytest.mark.parametrize("launcher, library, name, hosts", [
+    ([X86_64, ARM64], [X86_64], "x86_64", "x86_64"), ([ARM64], [ARM64, X86_64], "arm64", "arm64"),
+    ([X86_64, ARM64], [ARM64, X86_64], "universal", "arm64,x86_64")])
+def test_a_package_is_for_the_processors_of_launcher_and_runtime(release, launcher, library, name, hosts):
+    release.put(LAUNCHER, macho(PROGRAM, *launcher))
+    release.put(LIBJVM, macho(LIBRARY, *library))
+    output = release.run("--dry-run", *DEVELOPER)[1]
+    assert re.findall('hostArchitectures="(.*)"', output) == [hosts]
+    assert re.findall(r"mv -f \S+/(\S+)\.dmg \S+/(\S+)\.pkg \.", output) == [("Orvane-2.1.0-" + name,) * 2]
+
+
+def test_name_and_version_and_oldest_system_are_the_bundle_s(release):
+    release.put("Contents/Info.plist", plistlib.dumps(
+        {"CFBundleShortVersionString": "3.0-rc.1+7", "CFBundleIdentifier": 'com."<&>'}))
+    release.put(SERVICE + "/Contents/Info.plist", plistlib.dumps({"LSMinimumSystemVersion": "13.5"}))
+    other = release.app.rename(release.dist / "Other name.app")
+    assert release.run("--sign", "-", app=other)[0] == 0  # productbuild's stand-in has parsed all of it
+    made = json.loads((release.dist / "Orvane-3.0-rc.1+7-arm64.pkg").read_text())
+    assert (made["id"], made["version"], "Orvane.app" in made["payload"]) == ('com."<&>', "3.0-rc.1+7", True)
+    assert '<os-version min="13.5"/>' in release.run("--dry-run", "--sign", "-", app=other)[1]
+
+
+def test_run_paths_that_are_relative_to_the_executable_already_are_left(release):
+    release.put(LAUNCHER, BOTH + b"\0@executable_path/../Resources/jre/lib/server\0"
+                                 b"@executable_path/../Resources/jre/lib/jli\0")
+    assert release.run("--dry-run", *DEVELOPER)[1] == re.sub(
+        "install_name_tool.*\n", "", release.prints["commands"])
+
+
+def test_the_outer_bundle_s_own_program_is_signed_with_it_and_other_code_before(release):
+    release.put("Contents/Info.plist", plistlib.dumps({"CFBundleExecutable": "Orvane", **plistlib.loads(
+        (release.app / "Contents/Info.plist").read_bytes())}))
+    release.put("Contents/MacOS/Orvane", macho(PROGRAM, ARM64))
+    release.put("Contents/MacOS/tool", macho(PROGRAM, ARM64))
+    signed = re.findall("runtime .*Orvane.app(.*)", release.run("--dry-run", *DEVELOPER)[1])
+    assert signed[-3:] == ["/Contents/MacOS/tool", "/" + SERVICE, ""]
+    for_this_machine = release.run("--dry-run", "--sign", "-")[1]
+    assert len(re.findall(r"/OrvaneService.entitlements \S+/Orvane.app\n", for_this_machine)) == 1
+
+
+def test_native_code_inside_jars_is_named_before_anything_is_signed(release):
+    entries = {"mac/libnative.dylib": macho(LIBRARY, ARM64), "Service.class": JAVA_CLASS,
+               "linux/libnative.so": b"\x7fELF" + bytes(28), "mac/universal": BOTH}
+    nested, jar = io.BytesIO(), release.app / RESOURCES / "lib/a.JAR"
+    jar.parent.mkdir()
+    for file in nested, jar:
+        with zipfile.ZipFile(file, "w") as archive:
+            for name, content in entries.items():
+                archive.writestr(name, content)
+        entries = {"lib/nested.jar": nested.getvalue(), "mac/libnative.dylib": entries["mac/libnative.dylib"]}
+    assert release.run("--dry-run", *DEVELOPER) == (
+        1, "", "release-macos: the notary service would reject native code inside jars; take it out of them, "
+        "give it to script/bundle --frameworks, and build again: "
+        f"{jar}: lib/nested.jar: mac/libnative.dylib, {jar}: lib/nested.jar: mac/universal, "
+        f"{jar}: mac/libnative.dylib\n")
+    assert release.run("--dry-run", "--sign", "-")[0] == 0
+
+
+LACKS = "name an Orvane.app that script/bundle has made; APP lacks "
+PLATFORM = ("APP lacks launcher or runtime for macOS, or they have no processor in common; "
+            "see script/bundle --jmods")
+
+
+@pytest.mark.parametrize("name, content, message", [
+    (LAUNCHER, b"\x7fELF", PLATFORM), (LAUNCHER, macho(PROGRAM, X86_64), PLATFORM), (LIBJVM, None, PLATFORM),
+    (LAUNCHER, None, PLATFORM), (LAUNCHER, BOTH[:30], PLATFORM),
+    ("Contents/Info.plist", None, LACKS + "APP/Contents/Info.plist"),
+    (SERVICE + "/Contents/Info.plist", plistlib.dumps({}), LACKS + "'LSMinimumSystemVersion'"),
+    ("Contents/Info.plist", plistlib.dumps({"CFBundleShortVersionString": "1/2", "CFBundleIdentifier": "a"}),
+     "the version is '1/2'; it can have letters, digits and .+- only")])
+def test_a_bundle_that_cannot_be_released_is_rejected(release, name, content, message):
+    (release.app / name).unlink()
+    if content is not None:
+        release.put(name, content)
+    message = message.replace("APP", str(release.app))
+    assert release.run(*DEVELOPER) == (1, "", f"release-macos: {message}\n")
+    assert release.made() == ["Orvane.app"]
+
+
+def test_where_the_tools_are_not_nothing_is_made(release):
+    if os.access("/usr/bin/ditto", os.X_OK):
+        impossible("a Mac has them")
+    (release.tools / "ditto").unlink()
+    assert release.run(*DEVELOPER)[::2] == (
+        1, "release-macos: no ditto: a release needs macOS and xcode-select --install; "
+        "elsewhere --dry-run prints the commands\n")
+    assert release.made() == ["Orvane.app"]
+
+
+@pytest.mark.parametrize("arguments", [[], ["--sign"], ["--hardened", "--sign", "-"], ["--sign", "-", "more"],
+                                       ["--sign", "A", "--notarize", "P"],
+                                       ["--sign", "-", "--sign-package", "B", "--notarize", "P"]])
+def test_a_wrong_call_prints_the_usage(release, arguments):
+    status, output, errors = release.run(*arguments)
+    assert (status, output, errors.startswith("usage: release-macos ")) == (2, "", True)
+
+
+def test_the_entitlements_are_the_launcher_s_three_and_java_s_two_in_plain_text():
+    names = ["allow-jit", "allow-unsigned-executable-memory", "disable-library-validation"]
+    for file, expected in ("OrvaneService", names), ("java", names[:2]):
+        text = (ROOT / f"bundle/{file}.entitlements").read_bytes()
+        assert plistlib.loads(text) == {f"com.apple.security.cs.{name}": True for name in expected}
+        assert text.startswith(b"<?xml ") and b"\r" not in text and b"<!--" not in text
+
+
+@pytest.mark.parametrize("name, title, payload", [
+    ("full-disk-access", "Orvane: Full Disk Access", {
+        "PayloadType": "com.apple.TCC.configuration-profile-policy", "Services": {"SystemPolicyAllFiles": [{
+            "IdentifierType": "bundleID", "Identifier": "com.example.backup.service", "Allowed": True,
+            "CodeRequirement": 'identifier "com.example.backup.service" and anchor apple generic and '
+            "certificate 1[field.1.2.840.113635.100.6.2.6] /* exists */ and "
+            "certificate leaf[field.1.2.840.113635.100.6.1.13] /* exists */ and "
+            'certificate leaf[subject.OU] = "ABCDE12345"'}]}}),
+    ("login-items", "Orvane: runs in the background", {
+        "PayloadType": "com.apple.servicemanagement", "Rules": [{
+            "RuleType": "LabelPrefix", "RuleValue": "com.vaultory.service",
+            "TeamIdentifier": "ABCDE12345"}]})])
+def test_the_documented_sed_makes_a_profile_for_device_management_the_vendor_s(name, title, payload):
+    sed = re.search("sed ('.*') ", (ROOT / "docs/packaging.md").read_text()).group(1)
+    text = subprocess.run(["sh", "-c", f"sed {sed} {ROOT}/bundle/management/{name}.mobileconfig"], check=True,
+                          stdout=subprocess.PIPE).stdout
+    profile = plistlib.loads(text)
+    for level in profile, *profile["PayloadContent"]:
+        uuid.UUID(level.pop("PayloadUUID"))
+        assert level.pop("PayloadVersion") == 1
+        assert level.pop("PayloadIdentifier").startswith("com.example.backup." + name)
+    assert profile == {"PayloadType": "Configuration", "PayloadScope": "System", "PayloadDisplayName": title,
+                       "PayloadContent": [payload]}
