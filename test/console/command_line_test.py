@@ -43,10 +43,6 @@ def test_the_system_switch_alone_changes_nothing(system_wide):
     assert system_wide.run(SYSTEM_WIDE) == finished()
 
 
-def test_the_location_of_the_program_does_not_make_a_per_user_run(per_user):
-    assert per_user.run() == finished()
-
-
 @pytest.mark.parametrize("switches", [
     [PER_USER, SYSTEM_WIDE], [SYSTEM_WIDE, PER_USER], [SYSTEM_WIDE, PER_USER, SYSTEM_WIDE],
 ], ids=["user first", "system first", "user between"])

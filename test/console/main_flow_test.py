@@ -26,8 +26,8 @@ def writes(launcher, *arguments, with_stderr=False, **behaviour):
             return process.finish().status, written[:-1]
 
 
-def failed(message, calls, stdout=expected.before_vm()):
-    return Run(1, stdout, expected.vm_error(message), calls)
+def failed(message, calls):
+    return Run(1, expected.before_vm(), expected.vm_error(message), calls)
 
 
 def test_a_run_flushes_each_message_and_the_listing_once(per_user):

@@ -3,7 +3,7 @@ import os
 import pytest
 
 from support import expected
-from support.launcher import ALICE, OVERRIDE_FILE, PER_USER, SYSTEM_WIDE, Run, finished
+from support.launcher import ALICE, OVERRIDE_FILE, PER_USER, Run, finished
 
 ANY_BYTES = bytes(set(range(1, 256)) - {10})
 
@@ -99,17 +99,12 @@ def test_a_line_is_rejected_in_a_per_user_run_too(per_user):
     assert per_user.run(PER_USER, b"a") == rejected(b"-Xms1g", ALICE)
 
 
-def test_the_system_switch_does_not_put_a_marker_after_the_lines(system_wide):
-    system_wide.put_override_file(b"-Xmx2g\n")
-    assert system_wide.run(SYSTEM_WIDE) == finished(lines=[b"-Xmx2g"])
-
-
 def test_a_per_user_run_does_not_read_the_system_wide_file(per_user):
     per_user.put_override_file(b"-rejected\n")
     assert per_user.run(PER_USER) == finished(home=ALICE)
 
 
-def test_a_system_wide_run_does_not_read_a_users_file(per_user):
+def test_without_the_switch_a_program_in_a_home_does_not_read_the_users_file(per_user):
     per_user.put_override_file(b"-rejected\n", "/Users/alice")
     assert per_user.run() == finished()
 

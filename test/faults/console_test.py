@@ -43,16 +43,8 @@ def test_nothing_is_written_to_the_override_file_instead_of_a_closed_standard_ou
     assert file.read_bytes() == b"-Xmx2g\n"
 
 
-@pytest.fixture
-def with_pipe(system_wide):
+def test_a_pipe_that_nobody_reads_ends_the_run_by_a_signal_unless_that_is_ignored(system_wide):
     assert system_wide.root.run(["mkfifo", PIPE]).status == 0
-    return system_wide
-
-
-def test_a_pipe_that_nobody_reads_ends_the_run_by_its_signal_before_the_vm_exists(with_pipe):
-    assert run_with(with_pipe, NO_READER) == Run(SIGPIPE, b"", b"", [], normal_end=False)
-
-
-def test_with_that_signal_ignored_the_service_runs_anyway(with_pipe):
-    assert (run_with(with_pipe, NO_READER, prefix=["env", "--ignore-signal=PIPE"]) ==
+    assert run_with(system_wide, NO_READER) == Run(SIGPIPE, b"", b"", [], normal_end=False)
+    assert (run_with(system_wide, NO_READER, prefix=["env", "--ignore-signal=PIPE"]) ==
             finished()._replace(stdout=b""))

@@ -1,22 +1,22 @@
-"""The bundle with its real Java runtime: Orvane.app of BUILD_DIR/Applications, or of APPLICATIONS, and
-one with a second JDK if the build has made it. Fixtures are in end_to_end/conftest.py."""
+"""The bundle with its real Java runtime: Orvane.app of BUILD_DIR/Applications, and one
+with a second JDK if the build has made it. Fixtures are in end_to_end/conftest.py."""
 
 import json
-import os
 import pathlib
 import re
 
 import pytest
 
 from . import BUILD_DIR, CONTENTS, LINUX, expected
+from .launcher import OVERRIDE_FILE
 
-APPLICATIONS = pathlib.Path(os.environ.get("APPLICATIONS", BUILD_DIR / "Applications"))
+APPLICATIONS = BUILD_DIR / "Applications"
 SECOND_APPLICATIONS = BUILD_DIR / "second-jdk/Applications"
 JAR = "lib/com.vaultory.desktop.jar"
 CDS_ARCHIVE = "jre/lib/server/classes.jsa"
 
 MODES = ["system-wide", "per-user"]
-_SECOND = ["second JDK"] if SECOND_APPLICATIONS.exists() and "APPLICATIONS" not in os.environ else []
+_SECOND = ["second JDK"] if SECOND_APPLICATIONS.exists() else []
 JDKS = ["per-user", *_SECOND]
 with_every_jdk = pytest.mark.parametrize("bundle", [*MODES, *_SECOND], indirect=True)
 
@@ -34,7 +34,7 @@ class Bundle:
         self.home = home
         self.app = pathlib.Path(home or "/", "Applications/Orvane.app")
         self.contents = self.app.parent / CONTENTS
-        self.override_file = home + "/Library/Application Support/Quillrest/conf/jvm_args"
+        self.override_file = home + OVERRIDE_FILE
 
     def copy(self, root, home):
         """Installs a copy to be changed, of hard links: what a test changes, it replaces."""
