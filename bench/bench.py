@@ -139,7 +139,7 @@ def main():
     (BENCH / "REPORT.md").write_text(f"""# Benchmarks
 
 `script/bench` wrote this in {(time.monotonic() - began) / 60:.0f} minutes.
-Machine: {cpu}, {os.cpu_count()} cores.
+Machine: {cpu or os.uname().machine}, {os.cpu_count()} cores.
 
 Each round runs every program once, in random order. A ratio is the launcher's figure divided by the other
 program's of the same round: the median over the rounds with its 95 % bootstrap interval; lower is better.

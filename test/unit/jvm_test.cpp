@@ -17,7 +17,7 @@
 
 namespace {
 
-const void* watched = nullptr;  // memory whose release is noticed
+const void* watched = nullptr;  // memory that the test waits to see freed
 bool released = false;
 
 }  // namespace
