@@ -17,7 +17,7 @@ import zipfile
 
 import pytest
 
-from support import BUILD_DIR, CONTENTS, ROOT, VERSION, unavailable
+from support import BUILD_DIR, CONTENTS, ROOT, VERSION, impossible
 
 JDK = pathlib.Path(os.environ["JAVA_HOME"])
 JAVA = int(re.search(r'^JAVA_VERSION="(\d+)', (JDK / "release").read_text(), re.M)[1])
@@ -472,7 +472,7 @@ def macos_jmods(directory, modules):
     """These modules for macOS on amd64, with a libjvm.dylib for 12.3; their hashes of each other are hidden."""
     directory.mkdir()
     if not (JDK / "jmods").is_dir():
-        unavailable(f"{JDK} has no jmods")
+        impossible(f"{JDK} has no jmods")
     for module in modules:
         with zipfile.ZipFile(JDK / f"jmods/{module}.jmod") as old, open(directory / f"{module}.jmod", "wb") as file:
             file.write(b"JM\1\0")
