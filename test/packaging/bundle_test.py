@@ -17,7 +17,7 @@ import zipfile
 
 import pytest
 
-from support import BUILD_DIR, CONTENTS, ROOT, VERSION, unavailable
+from support import BUILD_DIR, CONTENTS, ROOT, VERSION, impossible
 
 JDK = pathlib.Path(os.environ["JAVA_HOME"])
 JAVA = int(re.search(r'^JAVA_VERSION="(\d+)', (JDK / "release").read_text(), re.M)[1])
@@ -176,12 +176,12 @@ def test_a_bundle_is_made_of_whatever_a_class_path_can_hold(mine, made):
         assert max(map(len, jar.read(MANIFEST).split(b"\r\n"))) <= 72
 
 
-def test_the_bundle_starts_from_its_archive_after_tar_in_each_mode(module_root, made, applications):
+def test_the_bundle_starts_from_its_archive_after_tar_in_each_mode(root, made, applications):
     for home, marker in ("", []), ("/Users/two words", ["-Duser.install=1"]):
         options = "-Xlog:class+load:file=/tmp/orvane/loaded:none -XX:+PrintFlagsFinal"
         place = f"{home}/Applications"
-        module_root.copy(applications / "Orvane.app", f"{place}/Orvane.app")
-        run = module_root.run(["./OrvaneService", *marker], cwd=f"{place}/{CONTENTS}/MacOS",
+        root.copy(applications / "Orvane.app", f"{place}/Orvane.app")
+        run = root.run(["./OrvaneService", *marker], cwd=f"{place}/{CONTENTS}/MacOS",
                               env={"JAVA_TOOL_OPTIONS": options, "LC_ALL": "C.UTF-8"})
         assert (run.status, SAID in run.stdout) == (0, True), run
         assert re.search(rb"\bErrorFile += /Library/Logs/OrvaneService-%p.log ", run.stdout)
@@ -273,8 +273,8 @@ def test_what_a_client_of_the_service_ends_is_a_bundle(tmp_path, mine):
     ("exit", [], "training ended with status 3"),
     ("crash", ["  | so far"], "training ended with status 137"),
     ("throw", ['  | Exception in thread "main" java.lang.IllegalStateException: no database',
-               "  | \tat com.vaultory.service.QRService.main(QRService.java:6)"], "training ended with an exception from main"),
-    ("-x", ["  | Illegal argument encountered: '-x'."], None),
+               "  | \tat com.vaultory.service.QRService.main(QRService.java:5)"], "training ended with an exception from main"),
+    ("-x", ["  | Launching as system", "  | Illegal argument encountered: '-x'."], None),
 ])
 def test_training_that_fails_says_what_the_service_said_and_leaves_the_former_bundle(tmp_path, mine, word, quoted, wrong):
     former = tmp_path / "dist/Orvane.app/former"
@@ -472,7 +472,7 @@ def macos_jmods(directory, modules):
     """These modules for macOS on amd64, with a libjvm.dylib for 12.3; their hashes of each other are hidden."""
     directory.mkdir()
     if not (JDK / "jmods").is_dir():
-        unavailable(f"{JDK} has no jmods")
+        impossible(f"{JDK} has no jmods")
     for module in modules:
         with zipfile.ZipFile(JDK / f"jmods/{module}.jmod") as old, open(directory / f"{module}.jmod", "wb") as file:
             file.write(b"JM\1\0")
