@@ -98,10 +98,3 @@ build() {
         step "Configuring $1" cmake --preset "$1"
     step "Building $1" cmake --build --preset "$1"
 }
-
-# pack DIRECTORY: installs and packs what was built there.
-pack() {
-    rm -rf "$1/Applications"
-    step "Installing $1" cmake --install "$1" --prefix "$1/Applications"
-    step "Packing $1" cpack --config "$1/CPackConfig.cmake"
-}

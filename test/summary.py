@@ -29,8 +29,8 @@ def main(build_dir):
         suite = xml.etree.ElementTree.parse(results).getroot().find("testsuite")
         cases = suite.findall("testcase")
         print(f"{suite.get('name')}: {len(cases)} tests")
-        for note in suite.iter("property"):
-            print(f"{name}: {note.get('name')} {note.get('value')}")
+        for note in suite.findall("properties/property[@name='JDK']"):
+            print(f"{name}: JDK {note.get('value')}")
         total += len(cases)
         for skipped in suite.iter("skipped"):
             left_out[name, skipped.get("message")] += 1
