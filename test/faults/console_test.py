@@ -30,7 +30,7 @@ def run_with(launcher, redirections, *arguments, prefix=(), **behaviour):
     (">&-", ["stdout"]), (">/dev/full", ["stdout"]),
     ("2>&-", ["stderr"]), ("2>/dev/full", ["stderr"]),
     (">&- 2>&-", ["stdout", "stderr"]), (">/dev/full 2>/dev/full", ["stdout", "stderr"]),
-])
+], ids=["stdout closed", "stdout full", "stderr closed", "stderr full", "both closed", "both full"])
 def test_a_run_without_console_has_its_status_and_its_calls(
         system_wide, redirections, lost, arguments, behaviour, run):
     assert (run_with(system_wide, redirections, *arguments, **behaviour) ==
