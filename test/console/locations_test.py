@@ -123,7 +123,7 @@ def test_from_the_root_directory_the_runtime_is_searched_there(system_wide):
 
 
 def test_from_a_directory_without_a_runtime_the_program_does_not_start(system_wide):
-    run = system_wide.run(cwd="/Users")
+    run = system_wide.run(cwd=system_wide.root.directory("/Users"))
     assert run == Run(platform.NO_RUNTIME, b"", run.stderr, [], normal_end=False)
 
 
