@@ -28,8 +28,7 @@ def require_packets():
 def terminated(kind, what=None, thrown_by_runtime=False):
     """Standard error of a run that an uncaught error of this type ended."""
     if LIBCXX and not (FOREIGN_ERRORS and thrown_by_runtime):
-        return (b"libc++abi: terminating " + (b"due to" if SLICE else b"with") +
-                b" uncaught exception of type " + kind +
+        return (b"libc++abi: terminating due to uncaught exception of type " + kind +
                 (b"" if what is None else b": " + what) + b"\n" + _FROM_EMULATOR)
     return (b"terminate called after throwing an instance of '" + kind + b"'\n" +
             (b"" if what is None else b"  what():  " + what + b"\n") + _FROM_EMULATOR)
