@@ -47,9 +47,10 @@ SOURCES = {
             new java.io.File("service.db").createNewFile();
             if (word.equals("child")) new ProcessBuilder("sleep", "987").start();
         }}""",
-    **{name: f'public class {name.partition(".")[2]} {{ public static final String TEXT = new String("{text}"); }}'
-       for name, text in {"below.Below": "below ", "upper.Upper": "upper ", "vendor.Descriptor": "descriptor ",
-                          "versioned.Versioned": "versioned"}.items()},
+    **{name: f'public class {name.split(".")[1]} {{'
+             f' public static final String TEXT = new String("{text}"); }}'
+       for name, text in (("below.Below", "below "), ("upper.Upper", "upper "),
+                          ("vendor.Descriptor", "descriptor "), ("versioned.Versioned", "versioned"))},
     "javax.xml.transform.Shared": "public class Shared { }",
 }
 VERSIONED = """package versioned; public class Versioned {
@@ -290,9 +291,10 @@ def test_training_that_fails_says_why_and_leaves_the_former_bundle(tmp_path, min
     former = tmp_path / "dist/Orvane.app/former"
     former.mkdir(parents=True)
     run = bundle("--main-jar", mine / "service.jar", "--training-argument", word, cwd=tmp_path)
-    text = f"{wrong} after N s, see above; give --training-argument with which the service ends well, or " \
-        "--no-archive" if wrong else "--training-argument: the launcher does not start with these, see above; " \
-        "give others"
+    text = "--training-argument: the launcher does not start with these, see above; give others"
+    if wrong:
+        text = f"{wrong} after N s, see above; give --training-argument with which the service ends well, " \
+            "or --no-archive"
     assert (run.status, run.said[2:]) == (1, [*quoted, f"bundle: {text}"])
     assert sorted(tmp_path.rglob("*")) == [former.parents[1], former.parent, former]
 
@@ -356,7 +358,7 @@ def alive(pid):
 def test_every_bundle_is_made_of_what_is_there_now_in_the_place_of_the_former(tmp_path, classes):
     jdk = wrapped_jdk(tmp_path, "jlink", "")
     service = write_jar(tmp_path / "service.jar", {MAIN: classes[MAIN], "version": b"1"})
-    again = functools.partial(bundle, "--main-jar", "service.jar", "--jdk", "jdk", "--no-archive", cwd=tmp_path)
+    again = functools.partial(bundle, "--main-jar", service, "--jdk", "jdk", "--no-archive", cwd=tmp_path)
     assert again().status == 0
     write_jar(service, {MAIN: classes[MAIN], "version": b"2"})
     os.utime(service, (0, 10**9))  # older than the former
@@ -372,8 +374,8 @@ def test_a_signed_bundle_is_replaced_with_force_alone(tmp_path, mine, place):
     app = tmp_path / "dist/Orvane.app"
     (app / place / "_CodeSignature").mkdir(parents=True)
     run = bundle("--main-jar", mine / "service.jar", "--no-runtime", cwd=tmp_path)
-    assert run.said == ["bundle: --dest: 'dist/Orvane.app' is signed; add --force to replace it, or name another "
-                        "directory"]
+    assert run.said == [
+        "bundle: --dest: 'dist/Orvane.app' is signed; add --force to replace it, or name another directory"]
     assert bundle("--main-jar", mine / "service.jar", "--no-runtime", "--force", cwd=tmp_path).status == 0
     assert not (app / place / "_CodeSignature").exists()
     (app / place / "_CodeSignature").mkdir()
@@ -412,7 +414,8 @@ def listing_of_the_sample():
     files = ["Contents/Info.plist", *(inner + name for name in (
         "Info.plist", "Resources/conf/service.log.xml", "Resources/lang/messages.properties",
         "Resources/launchd/com.vaultory.service.agent.plist.in",
-        "Resources/launchd/com.vaultory.service.plist", f"Resources/lib/{JAR}", "Resources/man/man8/OrvaneService.8"))]
+        "Resources/launchd/com.vaultory.service.plist", f"Resources/lib/{JAR}",
+        "Resources/man/man8/OrvaneService.8"))]
     programs = [inner + name for name in ("MacOS/OrvaneService", "Resources/bin/service-version")]
     for path in (ROOT / "operator").iterdir():
         (programs if path.stat().st_mode & 0o100 else files).append(f"{inner}Resources/operator/{path.name}")
@@ -514,7 +517,8 @@ def test_a_bundle_for_a_Mac_has_the_modules_of_a_JDK_for_it_and_requires_its_mac
     wrong = "name the jmods directory of a JDK for that in --jmods"
     if this_platform().startswith("linux"):
         assert call_it("--executable", executable).said[-1] == \
-            f"bundle: --jdk: '{JDK}' is for {this_platform()}, the executable for macos-amd64 and macos-aarch64; {wrong}"
+            f"bundle: --jdk: '{JDK}' is for {this_platform()}, the executable for macos-amd64 and " \
+            f"macos-aarch64; {wrong}"
     executable.write_bytes(mach_o(0x0100000C))
     assert call_it("--executable", executable, "--jmods", jmods).said[-1] == \
         f"bundle: --jmods: '{jmods}' is for macos-amd64, the executable for macos-aarch64; {wrong}"
@@ -567,13 +571,15 @@ def test_wrong_input_is_one_line_that_names_the_option_before_anything_is_writte
         (["--input", umlaut, *main],
          f"'{umlaut}' has a name that Java finds in some locales only; rename it in ASCII"),
         (["--conf", empty], f"'{empty}' has no service.log.xml, which the launcher names; add it"),
-        (["--bin", links], f"'{links}/out' is a link to '../file', which is not in that directory; replace it "
-                           "with a copy, or leave it out"),
+        (["--bin", links],
+         f"'{links}/out' is a link to '../file', which is not in that directory; replace it with a copy, or "
+         "leave it out"),
         (["--app-version", "1.0-beta"],
          "'1.0-beta' is not a version; give one to three numbers with dots between them"),
         (["--copyright", "two\nlines"], "'two\nlines' is not one line; give one"),
         (["--mac-package-identifier", "backup"],
-         "'backup' is not a bundle identifier; give words of letters, digits and hyphens with dots between them"),
+         "'backup' is not a bundle identifier; give words of letters, digits and hyphens "
+         "with dots between them"),
         (["--executable", file], f"'{file}' is not for macOS or Linux on amd64 or aarch64; name one that is"),
         (["--jdk", empty], f"'{empty}' has no bin/java; name a JDK, 11 or later"),
         (["--jdk", java.parents[1]], f"'{java} --list-modules' fails: no libjvm"),
@@ -602,5 +608,5 @@ def test_wrong_input_is_one_line_that_names_the_option_before_anything_is_writte
 
 
 def test_all_options_are_explained_on_one_screen():
-    said = subprocess.run([ROOT / "script/bundle", "--help"], capture_output=True, check=True).stdout.splitlines()
+    said = subprocess.check_output([ROOT / "script/bundle", "--help"]).splitlines()
     assert len(said) <= 40 and max(map(len, said)) <= 110
