@@ -393,10 +393,10 @@ def test_wrong_calls_change_nothing_and_the_usage_is_said(machine):
     who = {} if machine.uid else {"user": ALICE.pw_uid}
     app = machine.mac / "new/1/Orvane.app"
     wrong = ("HOME is '/Users/bob', not the caller's directory in /Users; with sudo, add -H" if machine.uid else
-             "the system-wide service is root's: call with sudo, or --user for an agent")
+             "the system-wide service is root's: call with sudo, or --user")
     assert machine.call("1", env={"HOME": "/Users/bob"}, **who) == (1, f"install: {wrong}\n")
     if not machine.uid:
-        assert machine.call("1", "--user") == (1, "install: an agent belongs to its user: as root, call launchctl "
+        assert machine.call("1", "--user") == (1, "install: an agent is its user's: call launchctl "
                                                   f"asuser UID sudo -H -u NAME {machine.script('SOURCE')[0]} --user\n"
                                                .replace(CONTENTS, f"SOURCE{CONTENTS[10:]}"))
     link = machine.mac / "link"
