@@ -103,7 +103,7 @@ def job(machine, old, new):
 
 def jvm_args(machine, content):
     put(machine.data / "conf/jvm_args", content)
-    os.chown(machine.data / "conf/jvm_args", machine.uid, machine.uid)
+    machine.give(machine.data)
 
 
 def give_away(path):
@@ -157,7 +157,7 @@ BROKEN = {  # what is done to a correct installation, and the lines that report 
     "an access list in the data": (lambda m: m.fault("acl", f"{m.data}/conf"), ["DATA: an access control list allows changes; chmod -RN"]),
     "an open job": (lambda m: m.job.chmod(0o664), [f"JOB: {OPEN}"]),
     "no job": (lambda m: m.job.unlink(), [f"JOB: missing, or no regular file; {AGAIN}"]),
-    "job a link": (lambda m: moved(m, m.job), ["JOB: a symbolic link; replace it with what it names", NOT_SAME]),
+    "job a link": (lambda m: moved(m, m.job), ["JOB: a symbolic link; replace it with what it names", f"JOB: missing, or no regular file; {AGAIN}", NOT_SAME]),
     "job a pipe": (lambda m: pipe(m, m.job), [f"JOB: missing, or no regular file; {AGAIN}"]),
     "job cut off": (lambda m: m.job.write_bytes(m.job.read_bytes()[:-20]), [NOT_SAME]),
     "job of another program": (lambda m: job(m, b"OrvaneService<", b"sh<"), [NOT_SAME]),
@@ -170,12 +170,12 @@ BROKEN = {  # what is done to a correct installation, and the lines that report 
     "crashed just now": (crash, ["TARGET: restarted, 2 runs, the last ended: Killed: 9; see LOG"]),
     "rejected lines": (lambda m: jvm_args(m, b"\xef\xbb\xbf-Xmx2g\n-Xmx2g\r\n-Xmx1g\n\n# heap\n-Xmx2g -Xms1g\n-Duser.install=1"),
                        [LINE.format(number) for number in (1, 2, 4, 5, 6, 7)]),
-    "override file a pipe": (lambda m: pipe(m, m.data / "conf/jvm_args"), ["DATA/conf/jvm_args: no regular file; remove it"]),
-    "override file a link": (lambda m: moved(m, m.data / "conf/jvm_args"), ["DATA/conf/jvm_args: no regular file; remove it"]),
+    "override file a pipe": (lambda m: pipe(m, m.data / "conf/jvm_args"), ["DATA/conf/jvm_args: missing, or no regular file; remove it"]),
+    "override file a link": (lambda m: moved(m, m.data / "conf/jvm_args"), ["DATA/conf/jvm_args: missing, or no regular file; remove it"]),
     "an open override file": (lambda m: (m.data / "conf/jvm_args").chmod(0o666), [f"DATA/conf/jvm_args: {OPEN}"]),
     "another's data": (lambda m: give_away(m.data / "conf"), [f"DATA/conf: {OPEN}"]),
     "data a link": (lambda m: moved(m, m.data), ["DATA: a symbolic link; replace it with what it names"]),
-    "log a pipe": (lambda m: pipe(m, m.log), ["LOG: no regular file; remove it"]),
+    "log a pipe": (lambda m: pipe(m, m.log), ["LOG: missing, or no regular file; remove it"]),
     "an interrupted call": (lambda m: [(m.kept / name).mkdir() or os.chown(m.kept / name, m.uid, m.uid) for name in ("old",)],
                             [f"KEPT/{name}: left by an interrupted call; call install again, unless one is at work"
                              for name in ("old",)]),
@@ -265,9 +265,10 @@ def test_the_team_of_the_signature_may_be_required(installed):
 
 
 def test_wrong_calls_say_what_is_right(installed):
-    for arguments, text in ((["--help"], (0, USAGE, "")), (["--now"], (2, "", USAGE)), (["--json", "x"], (2, "", USAGE)),
-                            (["--user"], (2, "", USAGE))):
-        assert check(installed, *arguments) == text if not installed.uid else True
+    usage = USAGE.replace("system", "DOMAIN") if not installed.uid else USAGE
+    assert check(installed, "--help")[:2] == (0, usage)
+    for wrong in ["--now"], ["--json", "x"], ["--team"]:
+        assert check(installed, *wrong) == (2, "", USAGE)
     wrong = "check-install: NAME must be an account here, the caller root or that user; ID only A-Z and 0-9\n"
     assert check(installed, "--user", "nobody-at-all") == (2, "", wrong)
     assert check(installed, "--team", 'Z" or "') == (2, "", wrong)

@@ -66,7 +66,8 @@ class Machine:
             self.give(self.home)
         for name in "fault", "bin", "receipts", "new":
             (self.mac / name).mkdir(parents=True)
-        self.mac.chmod(0o777)
+        for path in self.mac, self.mac / "fault":
+            path.chmod(0o777)
         for name in "launchctl", "codesign", "plutil", "xattr", "pkgutil":
             self.stand_in(name, CLIENT.replace("DIRECTORY", MAC))
         for name, text in STAND_INS.items():
