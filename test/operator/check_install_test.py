@@ -1,305 +1,286 @@
-"""operator/check-install over copies of the installed bundle, in a private root: a correct
-installation, and one for each way of breaking it. In what it reports APP is Orvane.app, IN the
-contents of the bundle in it, RES its Resources, DATA the data directory, JOB the property list."""
+"""operator/check-install on installations that install has made, and that a test has then changed."""
 
 import json
 import os
 import re
 import shutil
 import subprocess
-import unittest
+import time
 
-from install_test import Machine
-from support import CONTENTS, ROOT, VERSION
-from support.bundle import APPLICATIONS, linked
-from support.private_root import BUILD_DIR, PrivateRoot
+import pytest
 
-SCRIPT = ROOT / "operator/check-install"
-USAGE = re.search(r'^usage="(.*?)"$', SCRIPT.read_text(), re.M | re.S).group(1) + "\n"
-RUNTIME = re.search('JAVA_VERSION="(.*)"', (BUILD_DIR / "jre/release").read_text()).group(1)
-VERSIONS = f"Versions: launcher {VERSION}, service {VERSION}, runtime {RUNTIME}."
+from machine import ALICE, MAC, delete, put
+from support import CONTENTS, ROOT
+
+USAGE = re.search(r'^usage="(.*?)"$', (ROOT / "operator/check-install").read_text(), re.M | re.S).group(1) + "\n"
 AGAIN = "install the bundle again"
-PROGRAM = "IN/MacOS/OrvaneService"
-JSA = "RES/jre/lib/server/classes.jsa"
-JVM = "RES/jre/lib/server/libjvm.so"
-JAR = "RES/lib/com.vaultory.desktop.jar"
-# What macOS has and Linux lacks: the list in /state/acl, one path, is one that lets bob write.
-MAC = {
-    "uname": 'echo Darwin',
-    "codesign": 'echo "$4: a sealed resource is missing or invalid" >&2; [ ! -e /state/unsigned ]',
-    "ls": '''case $1 in
-        -lnd) [ "$2" = /Applications ] && echo "drwxrwxr-x 2 0 80" || exec /bin/ls "$@" ;;
-        *) shift; /bin/ls -ld "$@" | awk -v acl="$(cat /state/acl 2>/dev/null)" '
-            { print; print " 0: group:everyone deny delete" }
-            acl != "" && substr($0, length($0) - length(acl)) == " " acl {
-                print " 1: user:bob allow " (/^d/ ? "add_file" : "write") }' ;;
-    esac''',
+OPEN = "not OWNER's, or writable by others; chown OWNER, chmod go-w"
+LINE = "DATA/conf/jvm_args: line {} is not allowed; the launcher will not start; correct or delete it"
+KIND = "neither file, directory nor link, or setuid or setgid; " + AGAIN
+SEAL = "signature: a sealed resource is missing or invalid\\x{{a}}file added: x; " + AGAIN
+OUTER, INNER = (f"{place}: {SEAL}".replace("{{", "{").replace("}}", "}") for place in ("APP", "SERVICE"))
+SIGNED = "signature: code object is not signed at all\\x{a}In architecture: x86_64; " + AGAIN
+
+
+@pytest.fixture
+def installed(one_machine):
+    """Version 1 as install has installed it, restored for each test, and running without a restart."""
+    machine, saved = one_machine, one_machine.mac / "saved"
+    parts = machine.app, machine.kept, machine.data, machine.job, machine.log
+    fine = saved.exists() and machine.pid() and not machine.disturbed
+    if not fine:
+        machine.clear()
+        assert machine.install("1")[0] == 0
+        jvm_args(machine, b"-Xmx2g\n")
+        delete(saved)
+        saved.mkdir()
+        for path in parts:
+            subprocess.run(["cp", "-Rp", path, saved], check=True)
+    for path in parts if fine else ():
+        delete(path)
+        subprocess.run(["cp", "-Rp", saved / path.name, path], check=True)
+    for path in machine.mac.glob("fault/*"):
+        path.unlink()
+    delete(machine.mac / "elsewhere")
+    machine.service = machine.app / "Contents/Library/LaunchServices/OrvaneService.app"
+    machine.resources = machine.service / "Contents/Resources"
+    machine.disturbed = True
+    yield machine
+    machine.disturbed = "runs = 1\n" not in machine.launchctl("print", machine.target).stdout.replace(
+        "\t\truns", "") or machine.running() != "1" or f'"{machine.label}"' in machine.launchctl(
+        "print-disabled", machine.domain).stdout
+    (machine.mac / "bin/ps").unlink(missing_ok=True)
+    for path in machine.app.parent, machine.support.parent, machine.support, machine.jobs:
+        path.chmod(0o755)
+        os.chown(path, machine.uid, machine.uid)
+
+
+def check(machine, *arguments, **options):
+    """Status, versions, state and deviations, with short names for the paths."""
+    user = ["--user", ALICE.pw_name] if machine.uid else []
+    process = subprocess.run([machine.mac / "new/1" / CONTENTS / "Resources/operator/check-install", *user, *arguments],
+                             capture_output=True, timeout=60, env={"PATH": "/usr/bin:/bin"}, **options)
+    text = process.stdout.decode()
+    for path, name in ((machine.service, "SERVICE"), (machine.app, "APP"), (machine.job, "JOB"), (machine.log, "LOG"),
+                       (machine.data, "DATA"), (machine.kept, "KEPT"), (machine.support, "SUPPORT"),
+                       (machine.target, "TARGET"), (machine.jobs, "JOBS"), (machine.domain, "DOMAIN")):
+        text = text.replace(str(path), name)
+    if machine.uid:
+        text = text.replace(machine.home, "HOME")
+    text = text.replace(" nobody" if machine.uid else " root", " OWNER")
+    return process.returncode, re.sub(r"process \d+", "process PID", text), process.stderr.decode()
+
+
+def loop(machine):
+    """The service crashes again and again."""
+    machine.bundle("1", "dies")
+    machine.call("1")
+    (machine.mac / "die").touch()
+    while "runs = 1\n" in machine.launchctl("print", machine.target).stdout.replace("\t\t\truns", ""):
+        time.sleep(0.02)
+
+
+def crash(machine, number="9"):
+    """The service was ended once, and runs again."""
+    subprocess.run(["kill", "-" + number, machine.pid()])
+    deadline = time.monotonic() + 60
+    while "runs = 2\n" not in machine.launchctl("print", machine.target).stdout or not machine.pid():
+        assert time.monotonic() < deadline
+        time.sleep(0.02)
+
+
+def moved(machine, path):
+    shutil.move(path, machine.mac / "elsewhere")
+    path.symlink_to(machine.mac / "elsewhere")
+    os.chown(path, machine.uid, machine.uid, follow_symlinks=False)
+
+
+def job(machine, old, new):
+    text = machine.job.read_bytes()
+    assert old in text
+    machine.job.write_bytes(text.replace(old, new))
+
+
+def jvm_args(machine, content):
+    put(machine.data / "conf/jvm_args", content)
+    machine.give(machine.data)
+
+
+def give_away(path):
+    os.chown(path, 1, 1, follow_symlinks=False)
+
+
+def own(machine, path, content=b""):
+    put(path, content)
+    os.chown(path, machine.uid, machine.uid)
+
+
+def pipe(machine, path):
+    path.unlink(missing_ok=True)
+    os.mkfifo(path)
+    os.chown(path, machine.uid, machine.uid)
+
+
+def unloaded(machine):
+    machine.launchctl("bootout", machine.target)
+    while machine.launchctl("print", machine.target).returncode == 0:
+        time.sleep(0.02)
+
+
+NOT_SAME = f"JOB: not as the bundle has it; {AGAIN}"
+UNLOADED = "TARGET: not loaded; launchctl bootstrap DOMAIN JOB"
+BROKEN = {  # what is done to a correct installation, and the lines that report it
+    "no bundle": (lambda m: shutil.rmtree(m.app), ["APP: missing, or a link; install the bundle"]),
+    "bundle a link": (lambda m: moved(m, m.app), ["APP: missing, or a link; install the bundle"]),
+    "a file added": (lambda m: own(m, m.resources / "conf/x"), [OUTER, INNER]),
+    "a crash report": (lambda m: own(m, m.service / "Contents/MacOS/hs_err_pid7.log"), [OUTER, INNER]),
+    "a file of the product's": (lambda m: own(m, m.app / "Contents/x"), [OUTER]),
+    "another program": (lambda m: (m.service / "Contents/MacOS/OrvaneService").write_bytes(b"x"), [OUTER, INNER]),
+    "another jar": (lambda m: (m.resources / "lib/com.vaultory.desktop.jar").write_bytes(b"x"), [OUTER, INNER]),
+    "no runtime": (lambda m: (m.resources / "jre/release").unlink(), [OUTER, INNER]),
+    "no signature": (lambda m: [m.bundle("1", team=""), m.call("1")], [f"APP: {SIGNED}", f"SERVICE: {SIGNED}"]),
+    "only the service signed": (lambda m: shutil.rmtree(m.app / "Contents/_CodeSignature"), [f"APP: {SIGNED}"]),
+    "a pipe in the bundle": (lambda m: pipe(m, m.app / "Contents/x"), [f"APP/Contents/x: {KIND}"]),
+    "setuid": (lambda m: (m.resources / "jre/release").chmod(0o4755), [f"SERVICE/Contents/Resources/jre/release: {KIND}"]),
+    "quarantined": (lambda m: m.fault("quarantine"), [f"APP: quarantined; {AGAIN}"]),
+    "an open directory": (lambda m: (m.service / "Contents/MacOS").chmod(0o775), [f"SERVICE/Contents/MacOS: {OPEN}"]),
+    "an open file": (lambda m: (m.resources / "jre/release").chmod(0o646), [f"SERVICE/Contents/Resources/jre/release: {OPEN}"]),
+    "another's bundle": (lambda m: give_away(m.app), [f"APP: {OPEN}"]),
+    "another's link": (lambda m: [(m.support / "x").symlink_to("y")] and [(m.kept / "x").symlink_to("y"), give_away(m.kept / "x")],
+                       [f"KEPT/x: {OPEN}"]),
+    "open Applications": (lambda m: m.app.parent.chmod(0o777), [f"HOME/Applications: {OPEN}"]),
+    "another's Applications": (lambda m: give_away(m.app.parent), [f"HOME/Applications: {OPEN}"]),
+    "open Library": (lambda m: m.support.parent.chmod(0o775), [f"HOME/Library: {OPEN}"]),
+    "open Application Support": (lambda m: m.support.chmod(0o757), [f"SUPPORT: {OPEN}"]),
+    "open jobs": (lambda m: m.jobs.chmod(0o777), [f"JOBS: {OPEN}"]),
+    "an access list on the way": (lambda m: m.fault("acl", str(m.jobs)), ["JOBS: an access control list allows changes; chmod -RN"]),
+    "an access list in the data": (lambda m: m.fault("acl", f"{m.data}/conf"), ["DATA: an access control list allows changes; chmod -RN"]),
+    "an open job": (lambda m: m.job.chmod(0o664), [f"JOB: {OPEN}"]),
+    "no job": (lambda m: m.job.unlink(), [f"JOB: missing, or no regular file; {AGAIN}"]),
+    "job a link": (lambda m: moved(m, m.job), ["JOB: a symbolic link; replace it with what it names", f"JOB: missing, or no regular file; {AGAIN}", NOT_SAME]),
+    "job a pipe": (lambda m: pipe(m, m.job), [f"JOB: missing, or no regular file; {AGAIN}"]),
+    "job cut off": (lambda m: m.job.write_bytes(m.job.read_bytes()[:-20]), [NOT_SAME]),
+    "job of another program": (lambda m: job(m, b"OrvaneService<", b"sh<"), [NOT_SAME]),
+    "job without a restart": (lambda m: job(m, b"KeepAlive", b"KeepDead"), [NOT_SAME]),
+    "job with an environment": (lambda m: job(m, b"<key>RunAtLoad", b"<key>EnvironmentVariables</key><dict/><key>RunAtLoad"),
+                                [NOT_SAME]),
+    "not loaded": (unloaded, [UNLOADED]),
+    "disabled": (lambda m: m.launchctl("disable", m.target), ["TARGET: disabled; launchctl enable TARGET, then launchctl bootstrap DOMAIN JOB"]),
+    "crashes at each start": (loop, None),
+    "crashed just now": (crash, ["TARGET: restarted, 2 runs, the last ended: Killed: 9; see LOG"]),
+    "rejected lines": (lambda m: jvm_args(m, b"\xef\xbb\xbf-Xmx2g\n-Xmx2g\r\n-Xmx1g\n\n# heap\n-Xmx2g -Xms1g\n-Duser.install=1"),
+                       [LINE.format(number) for number in (1, 2, 4, 5, 6, 7)]),
+    "override file a pipe": (lambda m: pipe(m, m.data / "conf/jvm_args"), ["DATA/conf/jvm_args: missing, or no regular file; remove it"]),
+    "override file a link": (lambda m: moved(m, m.data / "conf/jvm_args"), ["DATA/conf/jvm_args: missing, or no regular file; remove it"]),
+    "an open override file": (lambda m: (m.data / "conf/jvm_args").chmod(0o666), [f"DATA/conf/jvm_args: {OPEN}"]),
+    "another's data": (lambda m: give_away(m.data / "conf"), [f"DATA/conf: {OPEN}"]),
+    "data a link": (lambda m: moved(m, m.data), ["DATA: a symbolic link; replace it with what it names"]),
+    "log a pipe": (lambda m: pipe(m, m.log), ["LOG: missing, or no regular file; remove it"]),
+    "an interrupted call": (lambda m: [(m.kept / name).mkdir() or os.chown(m.kept / name, m.uid, m.uid) for name in ("old",)],
+                            [f"KEPT/{name}: left by an interrupted call; call install again, unless one is at work"
+                             for name in ("old",)]),
+    "a bundle of two versions": (lambda m: [(m.service / "Contents/Info.plist").write_bytes(
+        (m.service / "Contents/Info.plist").read_bytes().replace(b">1<", b">2<"))],
+        [OUTER, INNER, f"APP: not the version of the service in it; {AGAIN}"]),
+    "a name that is no name": (lambda m: own(m, m.kept / "x\ny: fine; call \x1b[2J\u202e").__class__ and (m.kept / "x\ny: fine; call \x1b[2J\u202e").chmod(0o666),
+                               [f"KEPT/x\\x{{a}}y: fine; call \\x{{1b}}[2J\\x{{202e}}: {OPEN}"]),
+}
+CORRECT = {
+    "as installed": lambda m: None,
+    "no override file": lambda m: (m.data / "conf/jvm_args").unlink(),
+    "an empty override file": lambda m: jvm_args(m, b""),
+    "no line feed at its end": lambda m: jvm_args(m, b"-Xmx2g\n-Dorv.security.mode="),
+    "any value of a property": lambda m: jvm_args(m, b"-Dorv.security.mode=a b \n-Djava.net.preferIPv4Stack=\xff\r\n"),
+    "a heap in hexadecimal": lambda m: jvm_args(m, b"-Xmx0x40000000\n-Xmx1G\n"),
+    "no data": lambda m: shutil.rmtree(m.data),
+    "no log yet": lambda m: m.log.unlink(),
+    "a rotated log": lambda m: own(m, m.log.with_name("OrvaneService.log.0.bz2")),
+    "a version that is kept": lambda m: m.install("2"),
+    "after a rollback": lambda m: [m.install("2"), m.call("1", "--rollback")],
+    "after a failed upgrade": lambda m: m.install("2", "crashes"),
+    "administrators may write to Applications": lambda m: m.uid or [os.chown(m.app.parent, 0, 80), m.app.parent.chmod(0o775)],
+    "a job in other words": lambda m: job(m, b"<dict>", b"<!-- x --> <dict >\n"),
+    "ended once and restarted by hand": lambda m: crash(m, "15"),
+    "crashed once, long ago": lambda m: [crash(m), m.stand_in("ps", "#!/bin/sh\necho '   02-03:04:05'\n")],
+    "crashed a quarter of an hour ago": lambda m: [crash(m), m.stand_in("ps", "#!/bin/sh\necho '15:01'\n")],
+    "exits with 0": lambda m: m.install("1", "exits"),
+    "links in the bundle": lambda m: [(m.bundle("1") / "Contents/x").symlink_to("Library"), m.call("1")],
+    "a private directory of data": lambda m: m.data.chmod(0o700),
+    "other disabled jobs": lambda m: m.launchctl("disable", m.target + "2"),
+    "a user who is not logged in": lambda m: m.uid and m.fault("logged-out"),
 }
 
 
-class Installation:
-    def __init__(self, test, home=""):
-        self.root, self.home = PrivateRoot(test, uid=1000 if home else 0), home
-        test.addCleanup(os.umask, os.umask(0o022))
-        app = home + "/Applications/Orvane.app"
-        name = "com.vaultory.service" + (".agent" if home else "") + ".plist"
-        self.names = {
-            "JSA": JSA, "JVM": JVM, "JAR": JAR,
-            "RES": f"/Applications/{CONTENTS}/Resources", "IN": f"/Applications/{CONTENTS}",
-            "DATA": "/Library/Application Support/Quillrest", "APP": "/Applications/Orvane.app",
-            "JOB": f"/Library/Launch{'Agents' if home else 'Daemons'}/{name}"}
-        shutil.copytree(APPLICATIONS, self.root.path(home + "/Applications"), symlinks=True,
-                        copy_function=linked, dirs_exist_ok=True)
-        self.root.put("/passwd", b"root:x:0:0::/:/bin/sh\nalice:x:1000:1000::/Users/alice:/bin/sh\n")
-        self.root.bind(self.root.path("/passwd"), "/etc/passwd")
-        self.root.bind(SCRIPT, self.put("/check-install", b""))
-        template = self.at("RES/launchd/" + name + (".in" if home else "")).read_text()
-        self.put("JOB", template.replace("@HOME@", home).encode())
-        self.put("DATA/conf/jvm_args", b"-Xmx2g\n-Dorv.security.mode=\n-Djava.net.preferIPv4Stack=true")
-
-    def path(self, name):
-        first, slash, rest = name.partition("/")
-        while first in self.names:
-            name = self.names[first] + slash + rest
-            first, slash, rest = name.partition("/")
-        return name if name.startswith("/check") else self.home + name
-
-    def at(self, name):
-        return self.root.path(self.path(name))
-
-    def put(self, name, content=b"", mode=0o644):
-        """Replaces a file, never the one that the tests share."""
-        self.at(name).unlink(missing_ok=True)
-        self.root.put(self.path(name), content, mode)
-        return self.path(name)
-
-    def change(self, name, old=None, new=None, size=None, mode=None, times=None):
-        """A copy of the file in its place: with other bytes, truncated, another mode or time."""
-        stat, content = self.at(name).stat(), self.at(name).read_bytes()
-        if old is not None:
-            assert old in content
-            content = content.replace(old, new)
-        self.put(name, content[:size], stat.st_mode & 0o7777 if mode is None else mode)
-        os.utime(self.at(name), ns=times or (stat.st_atime_ns, stat.st_mtime_ns))
-
-    def link(self, name, target):
-        self.at(name).symlink_to(target)
-
-    def moved(self, name):
-        """Puts a link into the place of what is moved away."""
-        self.at(name).rename(self.root.path("/elsewhere"))
-        self.link(name, "/elsewhere")
-
-    def mac(self):
-        for name, text in MAC.items():
-            self.root.put("/stand-in/" + name, f"#!/bin/sh\n{text}\n".encode(), 0o755)
-        self.put("APP/Contents/_CodeSignature/CodeResources")
-        self.root.put("/state/acl", b"")
-
-    def run(self, *arguments):
-        user = ["--user", "alice"] if self.home else []
-        result = self.root.run(["/bin/bash", "/check-install", *user, *arguments],
-                               env={"PATH": "/stand-in:/usr/bin:/bin"})
-        return result.status, result.stdout.decode(), result.stderr.decode()
+def expected(machine, lines):
+    text = "".join(f"{line}\n" for line in lines) or "No deviation found.\n"
+    return (text + (f"Deviations found: {len(lines)}.\n" if lines else "")).replace(
+        "HOME", "HOME" if machine.uid else "")
 
 
-def rejected(number, what, remedy):
-    return f"DATA/conf/jvm_args: line {number} {what}; {remedy}"
+@pytest.mark.parametrize("case", BROKEN)
+def test_what_is_broken_is_reported(installed, case):
+    arrange, lines = BROKEN[case]
+    arrange(installed)
+    status, text, errors = check(installed)
+    text = "".join(text.splitlines(True)[2:])
+    if lines is None:
+        assert re.fullmatch(r"TARGET: (restarted, \d+ runs, the last|does not run,) ended: 3; see LOG\n"
+                            r"Deviations found: 1\.\n", text)
+    elif case in ("no bundle", "bundle a link"):
+        assert set(lines) <= set(text.splitlines())
+    else:
+        assert text == expected(installed, lines)
+    assert (status, errors) == (1, "")
 
 
-OTHERS = "writable by the group or by others; chmod go-w"
-REJECTED = "is rejected, and the start with it"
-WHITE = "ends in white space, which the VM sees"
-DIFFERS = "is not as the bundle has it; run install"
-ARCHIVE = f"{JSA}: not for this jar and this runtime; run update-cds-archive"
-# What breaks it, and the lines that report it.
-BROKEN = {
-    "no bundle": (lambda i: i.at("APP").rename(i.root.path("/elsewhere")),
-                  ["APP: missing; install the bundle"]),
-    "bundle a link": (lambda i: i.moved("APP"), ["APP: a symbolic link; install the bundle itself"]),
-    "data a link": (lambda i: i.moved("DATA"), ["DATA: a symbolic link; replace it with the directory"]),
-    "parent a link": (lambda i: i.moved("/Library"),
-                      ["/Library: a symbolic link; replace it with the directory"]),
-    "open LaunchDaemons": (lambda i: i.at("JOB").parent.chmod(0o777),
-                           ["/Library/LaunchDaemons: writable by group 0; chmod g-w",
-                            "/Library/LaunchDaemons: writable by others; chmod o-w"]),
-    "open Application Support": (lambda i: i.at("DATA").parent.chmod(0o1757),
-                                 ["/Library/Application Support: writable by others; chmod o-w"]),
-    "open Applications": (lambda i: i.at("APP").parent.chmod(0o775),
-                          ["/Applications: writable by group 0; chmod g-w"]),
-    "no launcher": (lambda i: i.at(PROGRAM).unlink(),
-                    [f"{PROGRAM}: missing; {AGAIN}"]),
-    "launcher not executable": (lambda i: i.change(PROGRAM, mode=0o644),
-                                [f"{PROGRAM}: not executable; {AGAIN}"]),
-    "launcher empty": (lambda i: i.put(PROGRAM, mode=0o755), [f"{PROGRAM}: does not start; {AGAIN}"]),
-    "launcher truncated": (lambda i: i.change(PROGRAM, size=100000),
-                           [f"{PROGRAM}: does not start; {AGAIN}"]),
-    "libjvm truncated": (lambda i: i.change(JVM, size=20000), [f"RES/jre: does not start; {AGAIN}"]),
-    "libjvm empty": (lambda i: i.put(JVM), [f"RES/jre: does not start; {AGAIN}"]),
-    "no libjvm": (lambda i: i.at(JVM).unlink(),
-                  ["RES/jre/lib/server/libjvm.dylib: missing; the Java runtime belongs in Resources/jre"]),
-    "modules empty": (lambda i: i.put("RES/jre/lib/modules"), [f"RES/jre: does not start; {AGAIN}"]),
-    "modules truncated": (lambda i: i.change("RES/jre/lib/modules", size=-1), [ARCHIVE]),
-    "no CDS archive": (lambda i: i.at(JSA).unlink(),
-                       [f"{JSA}: missing; starts are slower without it: run update-cds-archive"]),
-    "CDS archive empty": (lambda i: i.put(JSA), [ARCHIVE]),
-    "CDS archive truncated": (lambda i: i.change(JSA, size=-4096), [ARCHIVE]),
-    "jar newer": (lambda i: i.change(JAR, times=(2 ** 60, 2 ** 60)), [ARCHIVE]),
-    "jar older": (lambda i: i.change(JAR, times=(10 ** 18, 10 ** 18)), [ARCHIVE]),
-    "jar of another size": (lambda i: i.change(JAR, b"", b"", size=-1), [ARCHIVE]),
-    "pieces missing": (
-        lambda i: [i.at("IN/Info.plist").unlink(), i.at(JAR).unlink(), shutil.rmtree(i.at("RES/conf")),
-                   i.at("RES/jre/lib/jspawnhelper").unlink(), i.at("IN/Frameworks").rmdir()],
-        [f"IN/Info.plist: missing; {AGAIN}", f"{JAR}: missing; the service's jar belongs there",
-         f"RES/conf: missing; {AGAIN}",
-         "RES/conf/service.log.xml: missing; the service's log configuration belongs there",
-         f"IN/Frameworks: missing; {AGAIN}",
-         "RES/jre/lib/jspawnhelper: missing; the service cannot start processes without it"]),
-    "open bundle": (lambda i: i.at("IN/MacOS").chmod(0o775), [f"IN/MacOS: {OTHERS}"]),
-    "somebody else's": (
-        lambda i: [i.change(name) or os.chown(i.at(name), 65534, 65534)
-                   for name in ("IN/Info.plist", "DATA/conf/jvm_args", "JOB")] and
-        os.chown(i.at("JOB").parent, 65534, 65534),
-        [f"{name}: not owned by root; chown it to root" for name in (
-            "/Library/LaunchDaemons", "IN/Info.plist", "DATA/conf/jvm_args", "JOB")]),
-    "setuid": (lambda i: [i.change("RES/bin/service-version", mode=0o4755),
-                          i.change("RES/conf/service.log.xml", mode=0o2644)],
-               [f"RES/{name}: has the setuid or setgid bit; chmod ug-s"
-                for name in ("bin/service-version", "conf/service.log.xml")]),
-    "foreign file": (lambda i: i.put("IN/MacOS/helper"), ["IN/MacOS/helper: not the bundle's; remove it"]),
-    "crash report": (lambda i: i.put("IN/MacOS/hs_err_pid7.log"),
-                     ["IN/MacOS/hs_err_pid7.log: a crash report: it breaks the signature; "
-                      "move it out of the bundle"]),
-    "links": (lambda i: [i.link("RES/conf/other.xml", "service.log.xml"),
-                         i.link("RES/bin/app", "../../../../../../.."),
-                         i.link("RES/bin/hosts", "/etc/hosts"),
-                         i.link("RES/bin/out", "../../../../../../../..")],
-              [f"RES/bin/{name}: links out of the bundle; replace it with what it links to"
-               for name in ("hosts", "out")]),
-    "unreadable bundle": (lambda i: i.at("RES/jre").chmod(0),
-                          ["RES/jre: not readable for alice, so not checked; call as root"]),
-    "unreadable data": (lambda i: i.at("DATA/conf").chmod(0),
-                        ["DATA/conf: not readable for alice, so not checked; call as root"]),
-    "unreadable override file": (lambda i: i.at("DATA/conf/jvm_args").chmod(0),
-                                 ["DATA/conf/jvm_args: not readable for alice, so not checked; call as root"]),
-    "open override file": (lambda i: i.at("DATA/conf/jvm_args").chmod(0o666),
-                           [f"DATA/conf/jvm_args: {OTHERS}"]),
-    "override file a directory": (lambda i: [i.at("DATA/conf/jvm_args").unlink(),
-                                             i.at("DATA/conf/jvm_args").mkdir()],
-                                  ["DATA/conf/jvm_args: not a file; remove it"]),
-    "lines": (lambda i: i.put("DATA/conf/jvm_args",
-                              b"\xef\xbb\xbf-Xmx2g\n-Xmx2g\r\n-Xmx2g\n\n# heap\n-Xmx2g -Xms1g\n"
-                              b"-Dorv.security.mode=a b\n-Dorv.security.mode=a \n-Duser.install=1"),
-              [rejected(1, REJECTED, "delete it"), rejected(2, WHITE, "delete it"),
-               rejected(4, REJECTED, "delete it"), rejected(5, REJECTED, "delete it"),
-               rejected(6, "has a size that the VM refuses", "correct it"),
-               rejected(8, WHITE, "delete it"), rejected(9, REJECTED, "delete it")]),
-    "no job": (lambda i: i.at("JOB").unlink(), ["JOB: missing; run install"]),
-    "job a link": (lambda i: i.moved("JOB"), ["JOB: a symbolic link; run install"]),
-    "open job": (lambda i: i.at("JOB").chmod(0o664), [f"JOB: {OTHERS}"]),
-    "job cut off": (lambda i: i.change("JOB", size=-20), ["JOB: not a property list; run install"]),
-    "job of another program": (lambda i: i.change("JOB", b"MacOS/OrvaneService<", b"MacOS/sh<"),
-                               [f"JOB: ProgramArguments {DIFFERS}"]),
-    "job with a program of its own": (
-        lambda i: i.change("JOB", b"<key>RunAtLoad", b"<key>Program</key><string>/bin/sh</string><key>RunAtLoad"),
-        [f"JOB: Program {DIFFERS}"]),
-    "job in another directory": (lambda i: i.change("JOB", b"MacOS</string>", b"Resources</string>"),
-                                 [f"JOB: WorkingDirectory {DIFFERS}"]),
-    "job of another user": (
-        lambda i: i.change("JOB", b"\t<key>RunAtLoad",
-                           b"\t<key>UserName</key>\n\t<string>bob</string>\n\t<key>RunAtLoad"),
-        [f"JOB: UserName {DIFFERS}"]),
-    "job with an environment": (
-        lambda i: i.change("JOB", b"<key>RunAtLoad", b"<key>EnvironmentVariables</key><dict><key>"
-                           b"JAVA_TOOL_OPTIONS</key><string>-javaagent:x</string></dict><key>RunAtLoad"),
-        [f"JOB: EnvironmentVariables {DIFFERS}"]),
-    "access control list of a parent": (
-        lambda i: [i.mac(), i.root.put("/state/acl", b"/Library")],
-        ["/Library: an access control list allows changes; chmod -N"]),
-    "access control list of a file": (
-        lambda i: [i.mac(), i.root.put("/state/acl", i.path("DATA/conf/jvm_args").encode())],
-        ["DATA/conf/jvm_args: an access control list allows changes; chmod -N"]),
-    "broken signature": (
-        lambda i: [i.mac(), i.root.put("/state/unsigned", b"")],
-        [f"APP: its signature is not valid: a sealed resource is missing or invalid; {AGAIN}"]),
-}
+@pytest.mark.parametrize("case", CORRECT)
+def test_what_is_unusual_and_correct_is_not_reported(installed, case):
+    CORRECT[case](installed)
+    assert check(installed)[1].splitlines()[2:] == ["No deviation found."]
 
 
-class CheckInstall(unittest.TestCase):
-    maxDiff = None
+def test_versions_and_state_are_said(installed):
+    versions = "Versions: launcher 1, service 1, runtime 17.0.9.\n"
+    assert check(installed) == (0, versions + "State: runs, process PID.\nNo deviation found.\n", "")
+    installed.install("1", "exits")
+    assert check(installed) == (0, versions + "State: exited with 0.\nNo deviation found.\n", "")
 
-    def reported(self, installation, *reports):
-        last = f"Deviations found: {len(reports)}." if reports else "No deviation found."
-        text = "".join(f"{line}\n" for line in (*reports, last))
-        before = sorted(installation.root.path("/").glob("Applications/**/*"))
-        status, output, errors = installation.run()
-        self.assertEqual(before, sorted(installation.root.path("/").glob("Applications/**/*")))
-        versions, _, output = output.partition("\n")
-        for name in "RES", "IN", "DATA", "APP", "JOB":
-            output = output.replace(installation.path(name), name)
-        self.assertEqual((bool(reports), text, ""), (status, output, errors))
-        return versions
 
-    def test_a_correct_installation_has_no_deviation(self):
-        self.assertEqual(VERSIONS, self.reported(Installation(self)))
-        self.assertEqual(VERSIONS, self.reported(Installation(self, "/Users/alice")))
+def test_json_is_valid_whatever_the_names_are(installed):
+    names = [bytes([byte]) for byte in range(1, 256) if byte != 47] + [b"\xed\xa0\x80", b"\xf4\x90\x80\x80", b"a\\\"\n\t"]
+    for name in names:
+        os.mkdir(os.fsencode(installed.kept) + b"/x" + name)
+        os.chmod(os.fsencode(installed.kept) + b"/x" + name, 0o777)
+    status, text, errors = check(installed, "--json")
+    result = json.loads(text)
+    assert (status, errors, list(result)) == (1, "", ["launcher", "service", "runtime", "state", "deviations"])
+    assert len({entry["path"] for entry in result["deviations"]}) == len(names)
+    assert not re.search(r"[\x00-\x1f\x7f-\x9f]", text[:-1])
 
-    def test_a_Mac_s_own_lists_and_administrators_are_no_deviation(self):
-        installation = Installation(self)
-        installation.mac()
-        self.reported(installation)
 
-    def test_what_install_has_installed_has_no_deviation(self):
-        machine = Machine(self)
-        shutil.copytree(APPLICATIONS, machine.root.path("/new/real"), symlinks=True)
-        shutil.copy(SCRIPT, machine.root.path("/new"))
-        self.assertEqual(0, machine.call("real")[0])
-        run = machine.root.run(["/new/check-install"])
-        self.assertEqual((0, VERSIONS + "\nNo deviation found.\n"), (run.status, run.stdout.decode()))
+def test_the_team_of_the_signature_may_be_required(installed):
+    assert check(installed, "--team", "A1B2C3D4E5")[0] == 0
+    status, text, _ = check(installed, "--team", "Z")
+    assert (status, text.count("test-requirement: code failed to satisfy")) == (1, 2)
 
-    def test_each_broken_installation_is_reported(self):
-        self.assertGreaterEqual(len(BROKEN), 30)
-        for name, (change, reports) in BROKEN.items():
-            if name == "somebody else's" and os.geteuid() != 0:
-                continue  # only root can give files away
-            with self.subTest(name):
-                installation = Installation(self, "/Users/alice" * name.startswith("unreadable"))
-                change(installation)
-                self.reported(installation, *reports)
 
-    def test_a_heap_that_the_VM_refuses_is_reported_and_no_other(self):
-        installation = Installation(self)
-        sizes = ["", "0", "1", "1k", "2m", "2048k", "2097152", "3m", "64M", "2g", "02G", "20t", "200t",
-                 "16777216t", "99999999999999999999", "2gb", "2.5g", "-1", "+2g", " 2g", "2 g"]
-        rejected_by_vm = [
-            size for size in sizes if installation.root.run(
-                [installation.path("RES/jre/bin/java"), "-Xmx" + size, "-version"]).status]
-        installation.put("DATA/conf/jvm_args", "".join(f"-Xmx{size}\n" for size in sizes).encode())
-        self.reported(installation, *(
-            rejected(sizes.index(size) + 1, "has a size that the VM refuses", "correct it")
-            for size in rejected_by_vm))
+def test_wrong_calls_say_what_is_right(installed):
+    usage = USAGE.replace("system", "DOMAIN") if not installed.uid else USAGE
+    assert check(installed, "--help")[:2] == (0, usage)
+    for wrong in ["--now"], ["--json", "x"], ["--team"]:
+        assert check(installed, *wrong) == (2, "", USAGE)
+    wrong = "check-install: NAME must be an account here, the caller root or that user; ID only A-Z and 0-9\n"
+    assert check(installed, "--user", "nobody-at-all") == (2, "", wrong)
+    assert check(installed, "--team", 'Z" or "') == (2, "", wrong)
 
-    def test_monitoring_gets_one_object(self):
-        installation = Installation(self)
-        versions = {"launcher": VERSION, "service": VERSION, "runtime": RUNTIME}
-        status, output, errors = installation.run("--json")
-        self.assertEqual((0, {**versions, "deviations": []}, ""), (status, json.loads(output), errors))
-        name = 'a "b"\\c'
-        installation.put("IN/MacOS/" + name)
-        installation.at("JOB").unlink()
-        status, output, errors = installation.run("--json")
-        self.assertEqual((1, {**versions, "deviations": [
-            {"path": installation.path("IN/MacOS/a \"b\"\\c"), "what": "not the bundle's",
-             "remedy": "remove it"},
-            {"path": installation.path("JOB"), "what": "missing", "remedy": "run install"},
-        ]}, ""), (status, json.loads(output), errors))
 
-    def test_help_is_the_usage_and_so_is_the_answer_to_a_wrong_call(self):
-        def call(*arguments):
-            run = subprocess.run([SCRIPT, *arguments], capture_output=True, text=True)
-            return run.returncode, run.stdout, run.stderr
-        self.assertEqual((0, USAGE, ""), call("--help"))
-        for arguments in ["--user"], ["--user", ""], ["directory"], ["--root", "/"]:
-            self.assertEqual((2, "", USAGE), call(*arguments))
-        self.assertEqual((2, "", "check-install: there is no account 'no.such.account' here; "
-                                 "name one this machine knows\n"), call("--user", "no.such.account"))
+def test_a_user_s_installation_is_checked_without_root_s_rights(installed):
+    if not installed.uid:
+        pytest.skip("system-wide")
+    put(installed.mac / "bin/codesign", f"#!/bin/sh\nid -u >>{MAC}/ids; exit 0\n".encode(), 0o755)
+    try:
+        assert check(installed)[0] == 0
+        assert set((installed.mac / "ids").read_text().split()) == {str(installed.uid)}
+    finally:
+        from launchd import CLIENT
+        installed.stand_in("codesign", CLIENT.replace("DIRECTORY", MAC))

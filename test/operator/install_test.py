@@ -1,366 +1,419 @@
-"""operator/install and operator/uninstall over bundles of a few files, in a private root where
-commands.sh stands in for launchctl and records every command that changes something:
+"""operator/install, by its other name uninstall, on a model of launchd with real processes."""
 
-    /new/VERSION/Orvane.app             a bundle as a disk image has it
-    /Applications, /Users/alice         the installations
-
-In what is expected, a line ends in ";", APP is the installed Orvane.app, JOB its launchd service,
-PLIST its property list, and what begins with "root:" or "user:" is of that mode alone.
-"""
-
-import itertools
-import pathlib
+import os
 import plistlib
+import random
 import re
 import shutil
+import signal
 import stat
 import subprocess
-import tarfile
-import tempfile
-import unittest
+import time
 
-from support import CONTENTS, ROOT
-from support.private_root import BUILD_DIR, PrivateRoot
+import pytest
 
-COMMANDS = ("launchctl", "pgrep", "sleep", "cp", "mv", "rm", "chown", "chmod", "mkdir")
-INNER = CONTENTS.partition("/")[2]
-DATA = "/Library/Application Support/Quillrest"
-STAGED = "/Library/Application Support/Orvane.installing"
+from machine import ALICE, MAC, put
+from support import CONTENTS, ROOT, unavailable
 
-# What is said and done, in order, by parts.
-COPY = "rm -rf APP.new APP.gone;Copying version {} to APP.new.;mkdir -p APPLICATIONS;" \
-    "cp -Rp SOURCE APP.new;chmod -R u+rwX,go+rX-w,ug-s APP.new;root: chown -Rh 0:0 APP.new;"
-NOT_RUNNING = "launchctl print JOB;launchctl print JOB;pgrep -f ^PROGRAM;"
-STOP = "launchctl print JOB;Stopping LABEL, process {}.;launchctl bootout JOB;launchctl print JOB;"
-ENDED = "pgrep -f ^PROGRAM;"
-LOOK = "sleep 1;launchctl print JOB;"
-ENDED_SLOWLY = 2 * LOOK + ENDED + 2 * (LOOK + ENDED)
-PUT = "mv APP.new APP;"
-SWAP = "Replacing version {}.;mv APP APP.old;" + PUT
-PLACE = "mkdir -p JOBS LOGS;chmod 644 PLIST.new;root: chown -Rh 0:0 PLIST.new;mv -f PLIST.new PLIST;"
-CHECK_LOGIN = "user: launchctl print DOMAIN;"
-START = CHECK_LOGIN + "Starting LABEL.;launchctl enable JOB;launchctl bootstrap DOMAIN PLIST;"
-BUSY = "sleep 2;launchctl bootstrap DOMAIN PLIST;"
-UP = "Version {} is installed; LABEL runs, process {}.;".replace("; ", ", ")
-GONE = "rm -rf APP.gone;"
-KEEP, DROP = "mv APP.old APP.former;", "mv APP.old APP.gone;" + GONE
-DOWN = "install: version {} did not come up: {}, the end of LOG:;"
-IO_ERROR = "launchctl bootstrap: Bootstrap failed: 5: Input/output error"
-NO_FORMER = "rm -rf APP.new APP.gone;install: there is no former version to go back to, nothing was changed;"
-NOT_INSTALLED = "Orvane is not installed.;"
+KILLS, PAIRS = int(os.environ.get("KILLS", "10")), int(os.environ.get("PAIRS", "5"))
+NOTHING = (None, None, None, set())
+USAGES = re.findall(r'usage="(usage: .*?)"$', (ROOT / "operator/install").read_text(), re.M | re.S)
+COPY = "Copying SOURCE.\n"
 
 
-def first(version, process, starting=PLACE + START + 5 * LOOK):
-    return COPY.format(version) + NOT_RUNNING + PUT + starting + UP.format(version, process)
+def wait_for(condition, what):
+    deadline = time.monotonic() + 60
+    while not condition():
+        assert time.monotonic() < deadline, what
+        time.sleep(0.01)
 
 
-def upgrade(version, process, replaced, ended=ENDED, end=KEEP):
-    return (COPY + STOP).format(version, process) + ended + SWAP.format(replaced) + PLACE + START + \
-        5 * LOOK + end + UP.format(version, process + 1)
+def good_and(machine, *versions):
+    """Version 1 and these are installed in turn."""
+    for version in ("1", *versions):
+        assert machine.install(version)[0] == 0
 
 
-def went_back(version, process, looks, why, logged):
-    return (COPY + STOP).format(version, process) + ENDED + SWAP.format(1) + PLACE + START + \
-        looks * LOOK + DOWN.format(version, why) + \
-        "".join(f"    version {line};" for line in logged) + \
-        STOP.replace(", process {}", "") + ENDED + "mv APP APP.gone;" + GONE + "mv APP.old APP;" + \
-        PLACE + START + 5 * LOOK + f"Version 1 is back, LABEL runs, process {process + 2}.;"
+def test_each_call_says_what_it_does(machine):
+    stop, start, runs = f"Stopping {machine.label}, process PID.\n", f"Starting {machine.label}.\n", \
+        f"{machine.label} runs, process PID.\n"
+    install = f"{COPY}Installing version 1.\n{start}Version 1 is installed; {runs}"
+    assert machine.install("1") == (0, install)
+    assert machine.seen() == ("1", "1", None, set())
+    assert machine.install("2") == (0, f"{COPY}{stop}Installing version 2 in place of 1.\n{start}"
+                                       f"Version 2 is installed; {runs}")
+    assert machine.seen() == ("2", "2", "1", set())
+    assert machine.install("3", "crashes") == (
+        3, f"{COPY}{stop}Installing version 3 in place of 2.\n{start}install: version 3 failed to start: it ended: "
+           f"status 1; the end of LOG:\n    no ^[[31mvalid configuration\nStopping {machine.label}.\n{start}"
+           f"Version 2 is back; {runs}")
+    assert machine.seen() == ("2", "2", "1", set())
+    assert machine.call(machine.app, "--rollback") == (
+        0, f"Copying KEPT/former/SOURCE.\n{stop}Installing version 1 in place of 2.\n{start}"
+           f"Version 1 is installed; {runs}".replace("SOURCE", "Orvane.app"))
+    assert machine.seen() == ("1", "1", "2", set())
+    assert machine.call(machine.app, name="uninstall") == (
+        0, f"{stop}Removing JOB.\nRemoving SOURCE.\nRemoving KEPT/former.\nOrvane is not installed.\n")
+    assert machine.seen() == NOTHING
+    assert not machine.kept.exists()
 
 
-# What the machine has, the state of the stand-in, the call, and what each of such calls gives:
-# the status, what is said and done, and the bundles there are afterwards.
-ONE, TWO = {"": "1"}, {"": "2", ".former": "1"}
-SCENARIOS = {
-    "first install": ([], {}, ["1"], [
-        (0, first(1, 101), ONE), (0, upgrade(1, 101, 1, end=DROP), ONE)]),
-    "label disabled, launchd busy": ([], {"disabled": "", "busy": 2}, ["1"], [
-        (0, first(1, 101, PLACE + START + 2 * BUSY + 5 * LOOK), ONE)]),
-    "launchd busy for good": ([], {"busy": 99}, ["1"], [
-        (3, first(1, 0, PLACE + START + 10 * BUSY).partition("Version")[0] + DOWN.format(1, IO_ERROR) +
-         NOT_RUNNING + "mv APP APP.gone;" + GONE + "rm -f PLIST;install: nothing is installed, as before;",
-         {})] * 2),
-    "upgrade of a running service that takes its time to end": (["1"], {"slow": 2}, ["2"], [
-        (0, upgrade(2, 101, 1, ENDED_SLOWLY), TWO), (0, upgrade(2, 102, 2, ENDED_SLOWLY, DROP), TWO)]),
-    "upgrade of a service that does not end": (["1"], {"slow": 200}, ["2"], [
-        (4, (COPY + STOP).format(2, 101) + 90 * LOOK + "rm -rf APP.new;" + START + 10 * BUSY +
-         "install: LABEL is still there 90 s after it was stopped, and does not start again: "
-         f"{IO_ERROR};", ONE)]),
-    "second upgrade": (["1", "2"], {}, ["4"], [
-        (0, upgrade(4, 102, 2, end="mv APP.former APP.gone;" + GONE + KEEP), {"": "4", ".former": "2"})]),
-    "a version that fails at once": (["1"], {}, ["fails"], [
-        (3, went_back("fails", 101, 1, "it ended with status 1", ["1", "fails"]), ONE),
-        (3, went_back("fails", 103, 1, "it ended with status 1", ["1", "fails"] * 2), ONE)]),
-    "a version that crashes after three seconds": (["1"], {}, ["crashes"], [
-        (3, went_back("crashes", 101, 4, "it was ended by a signal, Abort trap: 6", ["1", "crashes"]),
-         ONE)]),
-    "a version that is never started": (["1"], {}, ["never"], [
-        (3, went_back("never", 101, 60, "it had no process for 5 s on end within 60 s", ["1", "never"]),
-         ONE)]),
-    "a version that has done its work": (["1"], {}, ["completes"], [
-        (0, upgrade("completes", 101, 1).replace(5 * LOOK, LOOK).replace(
-            "runs, process 102", "has run and ended with status 0"), {"": "completes", ".former": "1"})]),
-    "rollback": (["1", "2"], {}, ["", "--rollback"], [
-        (0, upgrade(1, 102, 2, end=DROP + DROP.replace("old", "former")).replace("SOURCE", "APP.former"),
-         ONE),
-        (1, NO_FORMER, ONE)]),
-    "uninstall": (["1", "2"], {}, ["uninstall"], [
-        (0, STOP.format(102) + ENDED + "Removing PLIST.;rm -rf PLIST;Removing APP.;mv APP APP.gone;" +
-         GONE + "Removing APP.former.;rm -rf APP.former;Keeping DATA.;" + NOT_INSTALLED, {}),
-        (0, NOT_RUNNING + "Keeping DATA.;" + NOT_INSTALLED, {})]),
-    "uninstall with the data": (["1"], {}, ["uninstall", "--data"], [
-        (0, STOP.format(101) + ENDED + "Removing PLIST.;rm -rf PLIST;Removing APP.;mv APP APP.gone;" +
-         GONE + "Removing DATA.;rm -rf DATA;Removing LOG.;rm -rf LOG;" + NOT_INSTALLED, {}),
-        (0, NOT_RUNNING + NOT_INSTALLED, {})]),
+def test_a_first_version_that_fails_to_start_leaves_nothing(machine):
+    assert machine.install("1", "crashes")[0] == 3
+    assert (machine.seen(), machine.job.exists()) == (NOTHING, False)
+
+
+@pytest.mark.parametrize("program", ["exits", "ignores", "lingers"])
+def test_a_service_may_exit_with_0_or_be_slow_to_end(machine, program):
+    machine.fault("forgets-at-once")
+    assert machine.install("1", program)[0] == 0
+    good_and(machine, "2")
+    assert machine.running() == "2"
+    assert [note for note in machine.notes() if note.startswith("two processes")] == []
+
+
+def test_two_calls_at_once_are_done_one_after_the_other_or_one_is_refused(machine):
+    for version in "123":
+        machine.bundle(version)
+    for trial in range(PAIRS):
+        machine.call("1")
+        calls = [machine.start([*machine.script(machine.mac / f"new/{version}/Orvane.app"), *more])
+                 for version, more in random.sample([("2", []), ("3", []), ("1", ["--rollback"])], 2)]
+        texts = [call.communicate()[0].decode() for call in calls]
+        running, place, former, left = machine.seen()
+        assert (running in "123", place, left) == (True, running, set()), texts
+        assert former in "123", texts
+        assert {call.returncode for call in calls} <= {0, 1}, texts
+    assert [note for note in machine.notes() if note.startswith("two processes")] == []
+
+
+def test_a_version_that_dies_later_displaces_no_version_that_has_been_seen_to_run(machine):
+    good_and(machine)
+    machine.install("2", "dies")
+    (machine.mac / "die").touch()
+    wait_for(lambda: "runs = 1\n" not in machine.launchctl("print", machine.target).stdout.split("}\n")[-2], "restart")
+    assert machine.install("3")[0] == 0
+    assert machine.seen() == ("3", "3", "1", set())
+    assert machine.call(machine.app, "--rollback")[0] == 0
+    assert machine.seen() == ("1", "1", "3", set())
+    good_and(machine, "4")
+    assert machine.seen() == ("4", "4", "1", set())
+
+
+def test_a_version_that_is_installed_again_displaces_none(machine):
+    good_and(machine, "2")
+    (machine.app.parent / CONTENTS / "MacOS/OrvaneService").write_bytes(b"damaged")
+    for _ in range(2):
+        assert machine.install("2")[0] == 0
+        assert machine.seen() == ("2", "2", "1", set())
+    assert machine.call(machine.app)[0] == 0
+    assert machine.seen() == ("2", "2", "1", set())
+
+
+def test_another_s_process_of_the_same_name_is_not_waited_for(machine):
+    good_and(machine)
+    program = str(machine.app.parent / CONTENTS / "MacOS/OrvaneService")
+    with subprocess.Popen([program, "100000"], executable="/bin/sleep", user=ALICE.pw_uid) as other:
+        assert machine.install("2")[0] == 0
+        assert machine.call("2", name="uninstall")[0] == 0
+        assert other.poll() is None
+        other.kill()
+
+
+# What is wrong, and what is said before anything is stopped.
+REFUSED = {
+    "a copy that fails": (
+        lambda m: m.stand_in("cp", '#!/bin/sh\n/bin/cp "$@"\necho "cp: no space" >&2\nexit 1\n'),
+        "cp: no space\ninstall: cannot copy SOURCE; nothing was changed"),
+    "an incomplete bundle": (
+        lambda m: (m.mac / f"new/2/{CONTENTS}/MacOS/OrvaneService").unlink(),
+        f"install: SOURCE lacks {CONTENTS[11:]}/MacOS/OrvaneService; nothing was changed"),
+    "a pipe in the bundle": (
+        lambda m: os.mkfifo(m.mac / f"new/2/{CONTENTS}/Resources/conf/x"),
+        "install: SOURCE has something that is neither file, directory nor link; nothing was changed"),
+    "a broken signature": (
+        lambda m: put(m.mac / f"new/2/{CONTENTS}/Resources/conf/x", b""),
+        "install: the signature of SOURCE is not valid: a sealed resource is missing or invalid?file added: x; "
+        "nothing was changed"),
+    "a rejected line": (
+        lambda m: put(m.data / "conf/jvm_args", b"-Xmx2g\n\n"),
+        "install: line 2 of DATA/conf/jvm_args is not allowed: correct or delete it; nothing was changed"),
+    "a heap that the VM refuses": (
+        lambda m: put(m.data / "conf/jvm_args", b"-Xmx2g\r\n"),
+        "install: line 1 of DATA/conf/jvm_args is not allowed: correct or delete it; nothing was changed"),
+    "a pipe for an override file": (
+        lambda m: [put(m.data / "conf/x", b""), os.mkfifo(m.data / "conf/jvm_args")],
+        "install: DATA/conf/jvm_args is not a regular file: remove it; nothing was changed"),
+    "a link for a log": (
+        lambda m: [m.log.unlink(), m.log.symlink_to("/etc/passwd")],
+        "install: LOG is not a regular file: remove it; nothing was changed"),
+    "a job that cannot be written": (
+        lambda m: [m.job.unlink(), m.job.mkdir()],
+        "install: JOB is not a regular file: remove it; nothing was changed"),
+    "a bundle that cannot be renamed": (
+        lambda m: m.fault("refused", "probe.app"),
+        "install: APP cannot be renamed: unlock it (chflags nouchg), or give the caller App Management; "
+        "nothing was changed"),
+    "a disabled job that runs": (
+        lambda m: m.launchctl("disable", m.target),
+        "install: TARGET is disabled and loaded: call launchctl enable or bootout first; nothing was changed"),
 }
+RENAMES = f"""#!/bin/sh
+case $1$2 in
+    -erename*)
+        read -r count 2>/dev/null <{MAC}/renames || count=0
+        count=$((count + 1))
+        echo $count >{MAC}/renames
+        case $4 in *"$(cat {MAC}/fault/refused 2>/dev/null || echo none)") exit 1 ;; esac
+        /usr/bin/perl "$@"
+        status=$?
+        [ $count != "$(cat {MAC}/fault/killed 2>/dev/null)" ] || kill -9 $PPID
+        exit $status ;;
+esac
+exec /usr/bin/perl "$@"
+"""
 
 
-class Machine:
-    """A Mac's directories; home is empty for the system-wide service, run by root."""
-
-    def __init__(self, test, home=""):
-        self.root, self.home = PrivateRoot(test, uid=1000 if home else 0), home
-        for name in COMMANDS:
-            self.root.put("/stand-in/" + name, ROOT / "test/operator/commands.sh")
-        for directory in "/state", home + "/Library/Logs":
-            self.root.path(directory).mkdir(parents=True)
-        self.root.put(f"{home}{DATA}/conf/jvm_args", b"-Xmx2g\n")
-        label = "com.vaultory.service" + (".agent" if home else "")
-        domain = "gui/1000" if home else "system"
-        jobs = f"{home}/Library/Launch{'Agents' if home else 'Daemons'}"
-        app = home + "/Applications/Orvane.app"
-        self.names = {  # the longer first
-            f"{app}/{INNER}/MacOS/OrvaneService": "PROGRAM", app: "APP",
-            f"{jobs}/{label}.plist": "PLIST", f"{domain}/{label}": "JOB", label: "LABEL",
-            jobs: "JOBS", home + DATA: "DATA", home + "/Library/Logs/OrvaneService.log": "LOG",
-            home + "/Library/Logs": "LOGS", home + "/Applications": "APPLICATIONS"}
-        self.app, self.domain, self.job = app, domain, f"{jobs}/{label}.plist"
-        for version in "1", "2", "4":
-            self.bundle(version)
-        for version, behaviour in (("fails", "fails 0"), ("crashes", "crashes 3"),
-                                   ("never", "never"), ("completes", "completes")):
-            self.bundle(version, behaviour)
-
-    def bundle(self, version, behaviour="stays", directory=None):
-        """Puts a version of the bundle where a disk image has it; others may write to it."""
-        contents = f"{directory or '/new/' + version}/{CONTENTS}"
-        self.root.put(contents + "/Info.plist",
-                      b"<key>CFBundleShortVersionString</key>\n\t<string>%s</string>\n"
-                      % version.encode(), mode=0o666)
-        self.root.put(contents + "/MacOS/OrvaneService",
-                      f"{behaviour}\nversion {version}\n".encode(), mode=0o6755)
-        for file in BUILD_DIR.glob("bundle/launchd/*"):
-            self.root.put(f"{contents}/Resources/launchd/{file.name}", file)
-        for name in "install", "uninstall", "job.sh":
-            self.root.put(f"{contents}/Resources/operator/{name}", ROOT / "operator" / name)
-
-    def run(self, command, **state):
-        """The status, and what the command said and did, in the order of it."""
-        for name, value in {"record": "", "kill": 0, **state}.items():
-            self.root.put("/state/" + name, str(value).encode())
-        with open(self.root.path("/state/record"), "ab") as record:
-            with self.root.start(command, cwd="/tmp", stdout=record, stderr=record, env={
-                    "PATH": "/stand-in:/usr/bin:/bin", "HOME": self.home or "/root"}) as process:
-                status = process.finish().status
-        return status, self.root.path("/state/record").read_text("utf-8", "replace").replace(";", ",")
-
-    def call(self, version, *arguments, **state):
-        """Calls install of that version on its disk image, or of the installed bundle for ""; or
-        uninstall, of a disk image."""
-        name, version = ("uninstall", "1") if version == "uninstall" else ("install", version)
-        app = f"/new/{version}/Orvane.app" if version else self.app
-        status, text = self.run(["/bin/sh", f"{app}/{INNER}/Resources/operator/{name}",
-                                 *(["--user"] if self.home else []), *arguments], **state)
-        return status, self.named(text, app)
-
-    def named(self, text, source):
-        text = text.replace(source + " ", "SOURCE ") if source != self.app else text
-        for path, name in self.names.items():
-            text = text.replace(path, name)
-        return re.sub(rf" {self.domain}(?=[ \n])", " DOMAIN", text).replace("\n", ";")
-
-    def expected(self, text):
-        """The text of this mode."""
-        mine, other = ("user: ", "root: ") if self.home else ("root: ", "user: ")
-        return re.sub(f"{other}[^;]*;", "", text).replace(mine, "")
-
-    def versions(self):
-        """The versions of the bundles there, by what follows their name."""
-        return {path.name[10:]: (path / INNER / "Info.plist").read_text().split("string>")[1][:-2]
-                for path in self.root.path(self.app).parent.glob("*")}
-
-    def loaded(self):
-        """Whether the installed job is loaded."""
-        state = self.root.path("/state/loaded")
-        return state.exists() and self.root.path(self.job).exists() and \
-            state.read_text().split(" ", 2)[2].startswith(self.job + ":" + self.app + "/")
-
-    def image(self):
-        """What a test may change, to be restored."""
-        saved = self.root.path("/saved")
-        for name in "Applications", "Library", "Users", "state":
-            shutil.copytree(self.root.path("/" + name), saved / name, symlinks=True)
-
-    def restore(self):
-        for saved in self.root.path("/saved").iterdir():
-            shutil.rmtree(self.root.path("/" + saved.name))
-            shutil.copytree(saved, self.root.path("/" + saved.name), symlinks=True)
+@pytest.fixture
+def stand_ins(machine):
+    """Those that a test adds go at its end; perl's refuses a rename, or kills its caller after one."""
+    machine.stand_in("perl", RENAMES)
+    yield
+    for name in "perl", "cp", "rm":
+        (machine.mac / "bin" / name).unlink(missing_ok=True)
 
 
-class Install(unittest.TestCase):
-    maxDiff = None
+@pytest.mark.parametrize("fault", REFUSED)
+def test_what_would_fail_is_refused_while_the_service_runs(machine, stand_ins, fault):
+    good_and(machine)
+    machine.bundle("2")
+    pid = machine.pid()
+    arrange, message = REFUSED[fault]
+    arrange(machine)
+    if machine.uid:
+        machine.give(machine.home)
+    status, text = machine.call("2")
+    assert (status, text[len(COPY):]) == (1, message + "\n")
+    assert (machine.pid(), machine.seen()) == (pid, ("1", "1", None, set()))
 
-    def machines(self, homes=("", "/Users/alice")):
-        for home in homes:
-            with self.subTest(home=home):
-                yield Machine(self, home)
 
-    def test_each_call_does_this_in_this_order_once_and_again(self):
-        for name, (before, state, call, outcomes) in SCENARIOS.items():
-            for machine in self.machines():
-                with self.subTest(name):
-                    for version in before:
-                        machine.call(version)
-                    given = state
-                    for status, text, versions in outcomes:
-                        self.assertEqual((status, machine.expected(text), versions),
-                                         (*machine.call(*call, **given), machine.versions()))
-                        given = {}
+def test_a_step_that_fails_after_the_stop_is_followed_by_the_version_before(machine, stand_ins):
+    good_and(machine)
+    machine.fault("refused", machine.app.name)
+    machine.stand_in("perl", RENAMES.replace("exit 1", f'rm {MAC}/fault/refused; exit 1', 1)
+                     .replace("/fault/refused", "/fault/refused-once"))
+    for name in "old/Orvane.app", "Applications/Orvane.app", "plist":
+        (machine.mac / "fault/refused").unlink(missing_ok=True)
+        machine.fault("refused-once", name)
+        status = machine.install("2")[0]
+        assert machine.running() in ("1", "2"), (name, status)
+        assert status in (0, 1, 3), name
+        machine.clear()
+        good_and(machine)
 
-    def killed_after_each_step(self, before, call, *ends, homes=("",)):
-        """Calls once more after a kill between any two steps: ends are the status of that
-        call and the bundles afterwards that are right; the last bundle named runs."""
-        for machine in self.machines(homes):
-            for version in before:
-                machine.call(version)
-            machine.image()
-            for step in itertools.count(1):
-                status = machine.call(*call, kill=step)[0]
-                if status != 137:
-                    break
-                result = machine.call(*call)
-                self.assertIn((result[0], machine.versions(), machine.loaded()), ends,
-                              (step, result))
-                machine.restore()
-            self.assertGreater(step, 8)
-            self.assertTrue(machine.root.path(f"{machine.home}{DATA}/conf/jvm_args").exists())
 
-    def test_a_first_install_killed_at_any_step_is_completed_by_the_next(self):
-        self.killed_after_each_step([], ["1"], (0, ONE, True))
+@pytest.mark.parametrize("fault, uses", [("bootout", 1), ("bootstrap", 4)])
+def test_what_launchd_refuses_once_is_repeated(machine, fault, uses):
+    good_and(machine)
+    machine.fault(fault, uses)
+    assert machine.install("2")[0] == 0
+    assert machine.seen() == ("2", "2", "1", set())
 
-    def test_an_upgrade_killed_at_any_step_is_completed_by_the_next(self):
-        self.killed_after_each_step(["1"], ["2"], (0, TWO, True), homes=("", "/Users/alice"))
 
-    def test_a_failed_upgrade_killed_at_any_step_is_reverted_by_the_next(self):
-        self.killed_after_each_step(["1"], ["fails"], (3, ONE, True))
+def test_a_cleanup_that_fails_is_said_and_costs_no_version(machine, stand_ins):
+    good_and(machine, "2")
+    machine.stand_in("rm", "#!/bin/sh\ncase $* in *gone*) exit 1 ;; esac\nexec /bin/rm \"$@\"\n")
+    for version, former in ("3", "2"), ("4", "3"):
+        status, text = machine.install(version)
+        assert (status, text.splitlines()[-1]) == (0, "install: cannot remove what is left in KEPT")
+        assert machine.seen()[:3] == (version, version, former)
 
-    def test_a_rollback_killed_at_any_step_is_completed_or_undone_by_the_next(self):
-        self.killed_after_each_step(["1", "2"], ["1", "--rollback"], (0, ONE, True),
-                                    (0, TWO, True), (1, ONE, True))
 
-    def test_an_upgrade_that_was_interrupted_is_undone_by_a_rollback_and_by_an_uninstall(self):
-        for machine in self.machines():
-            machine.call("1")
-            done = machine.expected(COPY + STOP + ENDED + SWAP).split(";")
-            step = sum(line.split(" ")[0] in COMMANDS for line in done)
-            for call, end in (["2", "--rollback"], ONE), (["uninstall"], {}):
-                self.assertEqual((137, {"": "2", ".old": "1"}),
-                                 (machine.call("2", kill=step)[0], machine.versions()))
-                self.assertEqual((0, end, bool(end)), (machine.call(*call)[0], machine.versions(),
-                                                       machine.loaded()))
+def killed_at_each_rename(machine, before, call, good):
+    """Kills a call after each of its renames; the next must leave one of these."""
+    for count in range(random.choice([1, 2]) if KILLS <= 10 else 1, 40, 2 if KILLS <= 10 else 1):
+        machine.clear()
+        for version in before:
+            machine.install(version)
+        (machine.mac / "renames").unlink(missing_ok=True)
+        machine.fault("killed", count)
+        status = call()[0]
+        (machine.mac / "fault/killed").unlink()
+        if status != -signal.SIGKILL:
+            break
+        text = (machine.call("1", "--rollback") if "3" not in before else machine.install("3"))[1]
+        assert machine.seen() in good, (count, text)
+    assert count > 4
 
-    def test_an_uninstall_killed_at_any_step_is_completed_by_the_next(self):
-        self.killed_after_each_step(["1", "2"], ["uninstall"], (0, {}, False))
 
-    def test_only_the_owner_may_write_what_is_installed(self):
-        for machine in self.machines():
-            machine.call("1")
-            paths = [machine.root.path(machine.job), *machine.root.path(machine.app).rglob("*")]
-            self.assertEqual([], [path for path in paths if path.stat().st_mode & 0o6022])
-            self.assertEqual({0o755, 0o644},
-                             {stat.S_IMODE(path.stat().st_mode) for path in paths})
+def test_an_upgrade_killed_at_any_rename_is_completed_or_undone(daemon, stand_ins):
+    daemon.bundle("1")
+    killed_at_each_rename(daemon, ["1"], lambda: daemon.install("2"),
+                          [("1", "1", None, set()), ("1", "1", "2", set())])
 
-    def test_the_bundle_in_place_may_be_installed_again_which_keeps_the_former_one(self):
-        for machine in self.machines():
-            machine.call("1")
-            machine.call("2")
-            self.assertEqual((0, TWO, True),
-                             (machine.call("")[0], machine.versions(), machine.loaded()))
 
-    def test_an_agent_of_a_user_who_is_not_logged_in_starts_later(self):
-        machine = Machine(self, "/Users/alice")
-        self.assertEqual(
-            (0, machine.expected(first(1, "", PLACE + CHECK_LOGIN).replace(
-                "runs, process ", "starts when the user logs in"))),
-            machine.call("1", **{"logged-out": ""}))
+def test_a_failed_upgrade_killed_at_any_rename_is_undone(daemon, stand_ins):
+    daemon.bundle("1")
+    killed_at_each_rename(daemon, ["1"], lambda: daemon.install("2", "crashes"), [("1", "1", None, set())])
 
-    def test_an_agent_s_home_may_have_characters_that_mean_something_elsewhere(self):
-        for home in ("/Users/a b", "/Users/a&b", "/Users/<a>", "/Users/a|b", "/Users/a\\1b",
-                     "/Users/\N{LATIN SMALL LETTER E WITH ACUTE}", "/Users/@HOME@"):
-            with self.subTest(home=home):
-                machine = Machine(self, home)
-                machine.call("1", **{"logged-out": ""})
-                job = plistlib.loads(machine.root.path(machine.job).read_bytes())
-                self.assertEqual([f"{machine.app}/{INNER}/MacOS/OrvaneService", "-Duser.install=1"],
-                                 job["ProgramArguments"])
-                self.assertEqual(f"{machine.app}/{INNER}/MacOS", job["WorkingDirectory"])
-                self.assertEqual(home + "/Library/Logs/OrvaneService.log", job["StandardErrorPath"])
 
-    def test_a_wrong_call_changes_nothing_and_says_what_is_right(self):
-        script = f"/new/1/Orvane.app/{INNER}/Resources/operator/install"
-        usage = re.search(r'^usage="(.*?)"$', (ROOT / "operator/install").read_text(), re.M | re.S).group(1)
-        agent = ("install: an agent belongs to its user: as root, call launchctl asuser UID "
-                 f"sudo -H -u NAME {script} --user")
-        daemon = "install: the system-wide service is root's: call with sudo, or with --user for an agent"
-        bob = "install: HOME is '/Users/bob', not the caller's directory in /Users; with sudo, add -H"
-        for home, caller, argument, status, output, errors in (
-                ("", "/root", "--user", 1, "", agent), ("/Users/alice", "/Users/alice", "", 1, "", daemon),
-                ("/Users/alice", "/Users/bob", "--user", 1, "", bob), ("", "/root", "--now", 2, "", usage),
-                ("", "/root", "--help", 0, usage, "")):
-            with self.subTest(argument=argument, caller=caller):
-                machine = Machine(self, home)
-                result = machine.root.run(["/bin/sh", script, *argument.split()],
-                                          env={"PATH": "/usr/bin:/bin", "HOME": caller})
-                self.assertEqual((status, output, errors, {}),
-                                 (result.status, result.stdout.decode().rstrip("\n"),
-                                  result.stderr.decode().rstrip("\n"), machine.versions()))
+def test_a_rollback_killed_at_any_rename_is_completed_or_undone(daemon, stand_ins):
+    killed_at_each_rename(daemon, ["1", "3"], lambda: daemon.call("1", "--rollback"),
+                          [("3", "3", "1", set())])
 
-    def test_the_installer_package_s_scripts_install_what_it_has_put_beside(self):
-        def installer(script):
-            return machine.run(["/new/" + script, "/new/Orvane.pkg", STAGED, "/", "/"])
-        machine = Machine(self)
-        for script in "preinstall", "postinstall":
-            shutil.copy(ROOT / "bundle/package" / script, machine.root.path("/new"))
-        machine.root.put(STAGED + "/Orvane.app/left over", b"")
-        for version, behaviour, versions in (("1", "stays", (0, ONE)), ("2", "stays", (0, TWO)),
-                                             ("fails", "fails 0", (3, TWO))):
-            self.assertEqual((0, f"rm -rf {STAGED}\n"), installer("preinstall"))
-            self.assertFalse(machine.root.path(STAGED).exists())
-            machine.bundle(version, behaviour, STAGED)
-            self.assertEqual(versions, (installer("postinstall")[0], machine.versions()))
-            self.assertFalse(machine.root.path(STAGED).exists())
-        self.assertEqual((1, "preinstall: '/Volumes/Other' is not the running system, install there\n"),
-                         machine.run(["/new/preinstall", "", "", "/Volumes/Other", "/"]))
 
-    def test_the_payload_of_the_installer_package_is_the_installed_bundle_beside(self):
-        """As far as Linux goes: cpack makes a tarball of what productbuild would be given."""
-        config = (BUILD_DIR / "CPackConfig.cmake").read_text()
-        for name, script in ("PREFLIGHT", "preinstall"), ("POSTFLIGHT", "postinstall"):
-            self.assertIn(f'set(CPACK_{name}_PACKAGE_SCRIPT "{ROOT}/bundle/package/{script}")', config)
-        plist = ROOT / "bundle/package/component.plist"
-        self.assertIn(f'set(CPACK_COMPONENT_PACKAGE_PLIST "{plist}")', config)
-        self.assertEqual([{
-            "RootRelativeBundlePath": STAGED[1:] + "/Orvane.app", "BundleIsRelocatable": False,
-            "BundleIsVersionChecked": False, "BundleOverwriteAction": "upgrade",
-        }], plistlib.loads(plist.read_bytes()))
-        with tempfile.TemporaryDirectory(dir=BUILD_DIR) as name:
-            directory = pathlib.Path(name)
-            own = (BUILD_DIR / "pack.cmake").read_text()
-            (directory / "own.cmake").write_text(own.replace("productbuild", "TGZ"))
-            (directory / "CPackConfig.cmake").write_text(
-                f'{config}set(CPACK_PROJECT_CONFIG_FILE "{name}/own.cmake")\nset(CPACK_POST_BUILD_SCRIPTS)\n')
-            subprocess.run(["cpack", "--config", directory / "CPackConfig.cmake", "-G", "TGZ", "-B", name],
-                           check=True, capture_output=True)
-            with tarfile.open(next(directory.glob("*.gz"))) as tarball:
-                names = {name.partition(STAGED[1:] + "/")[2] for name in tarball.getnames()}
-        installed = BUILD_DIR / "Applications"
-        self.assertEqual({str(path.relative_to(installed)) for path in installed.rglob("*")}, names - {""})
+def test_a_version_that_came_up_before_the_kill_stays(machine, stand_ins):
+    good_and(machine)
+    machine.bundle("2")
+    machine.stand_in("perl", RENAMES.replace('$4 in', '$4 in */former) kill -9 $PPID; exit ;;'))
+    assert machine.call("2")[0] == -signal.SIGKILL
+    machine.stand_in("perl", RENAMES)
+    machine.bundle("3", "crashes")
+    assert machine.call("3")[0] == 3
+    assert machine.seen() == ("2", "2", "1", set())
+
+
+def test_calls_killed_at_any_moment_leave_a_good_version_to_the_next(machine):
+    for version, program in ("1", "stays"), ("2", "stays"), ("3", "crashes"):
+        machine.bundle(version, program)
+    machine.call("1")
+    for trial in range(KILLS):
+        version, more = random.choice([("1", []), ("2", []), ("3", []), ("1", ["--rollback"])])
+        with machine.start([*machine.script(machine.mac / f"new/{version}/Orvane.app"), *more],
+                           start_new_session=True) as call:
+            time.sleep(random.uniform(0, 1.2))
+            (os.killpg if trial % 2 else os.kill)(call.pid, signal.SIGKILL)
+            text = call.communicate()[0].decode()  # when what it had started has ended too
+        status, after = machine.call("2")
+        running, place, former, left = machine.seen()
+        assert (status, running, place, left) == (0, "2", "2", set()), (trial, version, more, text, after)
+        assert former in ("1", "2", None), (trial, version, more, text, after)
+
+
+def test_only_the_owner_may_write_what_is_installed_whatever_the_caller_has_set(machine):
+    evil = machine.mac / "evil"
+    for name in "perl", "cp", "sed", "launchctl", "ls", "chmod", "find":
+        put(evil / name, f"#!/bin/sh\ntouch {evil}/called\n".encode(), 0o755)
+    put(evil / "env", f"touch {evil}/called\n".encode())
+    evil.chmod(0o777)
+    app = machine.bundle("1")
+    for path in app.rglob("*"):
+        path.chmod(0o777 if path.is_dir() or path.stat().st_mode & 0o100 else 0o666)
+    (app / "Contents/Info.plist").chmod(0o6666)
+    environment = {"PATH": f"{evil}:/usr/bin:/bin", "BASH_ENV": f"{evil}/env", "ENV": f"{evil}/env", "IFS": "/",
+                   "BASH_FUNC_cp%%": f"() {{ touch {evil}/called; }}", "PERL5OPT": "-Mnone", "CLEAN": "1",
+                   "JAVA_TOOL_OPTIONS": "-Dx", "CDPATH": "/", "POSIXLY_CORRECT": "1"}
+    for start in [], ["/bin/sh"]:
+        with machine.start([*start, *machine.script(app)], env=environment, umask=0o077) as call:
+            assert (call.communicate()[0].decode().count("\n"), call.returncode) == (5 if start else 4, 0)
+        assert not (evil / "called").exists()
+        paths = [machine.app, *machine.app.rglob("*"), machine.job]
+        assert {(stat.S_IMODE(path.lstat().st_mode), path.lstat().st_uid) for path in paths} == {
+            (0o755, machine.uid), (0o644, machine.uid)}
+        assert stat.S_IMODE(machine.kept.stat().st_mode) == 0o700
+    service = process_file(machine.pid(), "environ")
+    assert b"JAVA_TOOL_OPTIONS" not in service
+    shutil.rmtree(evil)
+
+
+def process_file(pid, name):
+    try:
+        with open(f"/proc/{pid}/{name}", "rb") as file:
+            return file.read()
+    except FileNotFoundError:
+        return b""  # a Mac
+
+
+def test_a_quarantine_is_removed_once_the_signature_is_verified(machine):
+    good_and(machine)
+    tools = [note.split()[:2] for note in machine.notes() if not note.startswith("launchctl")]
+    assert tools == [["codesign", "--verify"], ["codesign", "--verify"], ["xattr", "-rd"]]
+    machine.bundle("2", team="")
+    status, text = machine.call("2")
+    assert (status, text.splitlines()[1:3]) == (0, ["Warning: Orvane.app is not signed.",
+                                                    "Warning: OrvaneService.app is not signed."])
+
+
+@pytest.mark.parametrize("word", ["disabled", "true"])
+def test_what_an_administrator_has_disabled_stays_so_and_is_said(machine, word):
+    machine.fault("disabled-word", word)
+    machine.launchctl("disable", machine.target)
+    said = (f"{COPY}Installing version 1.\nVersion 1 is installed; {machine.label} is disabled and stays so: launchctl "
+            f"enable TARGET, then launchctl bootstrap {machine.domain} JOB.\n")
+    assert machine.install("1") == (0, said)
+    assert machine.seen() == (None, "1", None, set())
+    assert "launchctl enable" not in " ".join(machine.notes())
+
+
+def test_an_agent_waits_for_its_user_and_a_home_may_have_any_name(machine):
+    if not machine.uid:
+        pytest.skip("system-wide")
+    machine.fault("logged-out")
+    for name in "a b", "a&b", "<a>", "a|b", "a\\1b", "\N{LATIN SMALL LETTER E WITH ACUTE}":
+        home = machine.root.path(f"/Users/{name}")
+        home.mkdir()
+        machine.give(home)
+        status, text = machine.call(machine.bundle("1"), env={"HOME": str(home)})
+        assert (status, text.splitlines()[-1]) == (
+            0, f"Version 1 is installed; {machine.label} starts when the user logs in.")
+        job = plistlib.loads((home / "Library/LaunchAgents" / machine.job.name).read_bytes())
+        assert job["WorkingDirectory"] == f"{home}/Applications/{CONTENTS}/MacOS"
+        assert job["StandardOutPath"] == f"{home}/Library/Logs/OrvaneService.log"
+
+
+def test_uninstall_removes_all_and_keeps_the_data_by_default(machine):
+    good_and(machine, "2")
+    (machine.mac / "receipts/com.vaultory.orvane").touch()
+    put(machine.data / "file", b"")
+    outside = machine.mac / "outside"
+    outside.write_bytes(b"kept")
+    machine.log.unlink()
+    machine.log.symlink_to(outside)
+    put(machine.log.with_name("OrvaneService.log.0.bz2"), b"")
+    machine.give(machine.data)
+    assert machine.call("2", name="uninstall")[0] == 0
+    assert (machine.seen(), machine.data.exists(), machine.log.is_symlink()) == (NOTHING, True, True)
+    assert (machine.mac / "receipts/com.vaultory.orvane").exists() == bool(machine.uid)
+    assert machine.call("2", "--data", name="uninstall")[0] == 0
+    assert (machine.data.exists(), list(machine.log.parent.glob("Orvane*"))) == (False, [])
+    assert outside.read_bytes() == b"kept"
+
+
+def test_wrong_calls_change_nothing_and_the_usage_is_said(machine):
+    machine.bundle("1")
+    for name, usage in zip(("install", "uninstall"), USAGES):
+        for arguments, status in (["--dry-run"], 2), (["--help"], 0), (["--help", "x"], 0), (["--data", "x"], 2):
+            assert machine.call("1", *arguments, name=name) == (status, usage + "\n")
+    assert machine.seen() == NOTHING
+    who = {} if machine.uid else {"user": ALICE.pw_uid}
+    app = machine.mac / "new/1/Orvane.app"
+    wrong = ("HOME is '/Users/bob', not the caller's directory in /Users; with sudo, add -H" if machine.uid else
+             "the system-wide service is root's: call with sudo, or --user")
+    assert machine.call("1", env={"HOME": "/Users/bob"}, **who) == (1, f"install: {wrong}\n")
+    if not machine.uid:
+        assert machine.call("1", "--user") == (1, "install: an agent is its user's: call launchctl "
+                                                  f"asuser UID sudo -H -u NAME {machine.script('SOURCE')[0]} --user\n"
+                                               .replace(CONTENTS, f"SOURCE{CONTENTS[10:]}"))
+    link = machine.mac / "link"
+    link.mkdir(exist_ok=True)
+    (link / "install").unlink(missing_ok=True)
+    (link / "install").symlink_to(machine.script(app)[0])
+    put(link / "job.sh", b"echo sourced\n")
+    with machine.start([link / "install", *machine.script(app)[1:]]) as call:
+        assert call.communicate()[0].decode() == (
+            f"install: {link} is not in an Orvane.app; call the script where the bundle has it\n")
+
+
+def test_of_a_bundle_root_executes_only_the_script_that_was_called(daemon):
+    if not shutil.which("strace"):
+        unavailable("there is no strace")
+    good_and(daemon)
+    app = daemon.bundle("2")
+    for name, script in ("install", app), ("check-install", daemon.app), ("uninstall", daemon.app):
+        trace = daemon.mac / "trace"
+        status = subprocess.run(["strace", "-f", "-s", "4096", "-e", "trace=execve,open,openat,mmap", "-o", trace,
+                                 *daemon.script(script, name)], env={}, capture_output=True).returncode
+        assert status == 0
+        text = trace.read_text(errors="replace")
+        called = {match for match in re.findall(r'execve\("([^"]*)"', text) if "Orvane.app" in match}
+        assert called == {daemon.script(script, name)[0]}

@@ -417,9 +417,9 @@ def listing_of_the_sample():
         "Resources/launchd/com.vaultory.service.plist", f"Resources/lib/{JAR}",
         "Resources/man/man8/OrvaneService.8"))]
     programs = [inner + name for name in ("MacOS/OrvaneService", "Resources/bin/service-version")]
-    for path in (ROOT / "operator").iterdir():
-        (programs if path.stat().st_mode & 0o100 else files).append(f"{inner}Resources/operator/{path.name}")
-    return sorted([f"{name} 755" for name in directories + programs] + [f"{name} 644" for name in files])
+    programs += [f"{inner}Resources/operator/{name}" for name in ("install", "check-install")]
+    link = f"{inner}Resources/operator/uninstall {stat.S_IMODE((ROOT / 'operator/uninstall').lstat().st_mode):o}"
+    return sorted([f"{name} 755" for name in directories + programs] + [f"{name} 644" for name in files] + [link])
 
 
 def property_lists(dest):
