@@ -237,7 +237,7 @@ void Image::fix(Reader in, const std::uint8_t* end, const Action (&actions)[16])
         const bool times = action == FIX_ULEB || action == FIX_ULEB_SKIP_ULEB;
         const std::uint64_t count = times ? in.uleb() : action == FIX_TIMES ? low : 1;
         switch (action) {
-            // clang-format off
+                // clang-format off
             case DONE: break;
             case LIBRARY: library = low; break;
             case LIBRARY_ULEB: library = in.uleb(); break;

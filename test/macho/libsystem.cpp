@@ -7,13 +7,13 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cwchar>
 #include <map>
-#include <set>
 #include <utility>
 
 #include "image.h"
@@ -23,46 +23,23 @@ namespace macho {
 
 namespace {
 
-const std::set<std::string> SAME = {"_Unwind_DeleteException",
-                                    "_Unwind_GetIP",
-                                    "_Unwind_GetLanguageSpecificData",
-                                    "_Unwind_GetRegionStart",
-                                    "_Unwind_RaiseException",
-                                    "_Unwind_Resume",
-                                    "_Unwind_SetGR",
-                                    "_Unwind_SetIP",
-                                    "__cxa_atexit",
-                                    "__stack_chk_fail",
-                                    "abort",
-                                    "aligned_alloc",
-                                    "calloc",
-                                    "exit",
-                                    "fclose",
-                                    "fflush",
-                                    "fopen",
-                                    "fputc",
-                                    "fread",
-                                    "free",
-                                    "fseek",
-                                    "fseeko",
-                                    "ftello",
-                                    "fwrite",
-                                    "getc",
-                                    "malloc",
-                                    "memchr",
-                                    "memcmp",
-                                    "memcpy",
-                                    "memmove",
-                                    "memset",
-                                    "pthread_getspecific",
-                                    "pthread_self",
-                                    "pthread_setspecific",
-                                    "realloc",
-                                    "strcmp",
-                                    "strlen",
-                                    "ungetc",
-                                    "wcslen",
-                                    "wmemchr"};
+/// The same in glibc, as is all of _Unwind.
+constexpr std::array SAME = {"__cxa_atexit", "__stack_chk_fail",
+                             "abort",        "aligned_alloc",
+                             "calloc",       "exit",
+                             "fclose",       "fflush",
+                             "fopen",        "fputc",
+                             "fread",        "free",
+                             "fseek",        "fseeko",
+                             "ftello",       "fwrite",
+                             "getc",         "malloc",
+                             "memchr",       "memcmp",
+                             "memcpy",       "memmove",
+                             "memset",       "pthread_getspecific",
+                             "pthread_self", "pthread_setspecific",
+                             "realloc",      "strcmp",
+                             "strlen",       "ungetc",
+                             "wcslen",       "wmemchr"};
 
 /// Linked in by the C++ library's locales and wide streams, which the launcher does not use.
 constexpr std::array NEVER_CALLED = {
@@ -82,8 +59,7 @@ void neverCalled() {
 
 const auto TRAPS = []<std::size_t... Indexes>(std::index_sequence<Indexes...>) {
     return std::array<void (*)(), NEVER_CALLED.size()>{neverCalled<Indexes>...};
-}
-(std::make_index_sequence<NEVER_CALLED.size()>());
+}(std::make_index_sequence<NEVER_CALLED.size()>());
 
 /// An object that Darwin initialised statically begins with a signature, of which glibc
 /// would make a lock that is held.
@@ -206,11 +182,13 @@ void* libSystem(const std::string& symbol) {
             return address(TRAPS[i]);
         }
     }
-    void* const same = SAME.contains(name) ? dlsym(RTLD_DEFAULT, name.c_str()) : nullptr;
-    if (same == nullptr) {
+    const bool same =
+        name.starts_with("_Unwind_") || std::find(SAME.begin(), SAME.end(), name) != SAME.end();
+    void* const function = same ? dlsym(RTLD_DEFAULT, name.c_str()) : nullptr;
+    if (function == nullptr) {
         fail("libSystem's " + symbol + " has no stand-in");
     }
-    return same;
+    return function;
 }
 
 #ifdef __x86_64__

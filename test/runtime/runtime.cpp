@@ -263,8 +263,7 @@ template <typename Table>
 Table traps() {
     return []<std::size_t... Slots>(std::index_sequence<Slots...>) {
         return std::bit_cast<Table>(std::array{trap<sizeof(Table), Slots>...});
-    }
-    (std::make_index_sequence<sizeof(Table) / sizeof(void*)>());
+    }(std::make_index_sequence<sizeof(Table) / sizeof(void*)>());
 }
 
 JNIEnv* newEnv() {

@@ -102,7 +102,9 @@ Strings callsWith(const Strings& arguments) {
 }
 
 TEST_F(Lifecycle, The_class_path_is_the_first_option_and_the_list_follows_byte_for_byte) {
-    { const JVM jvm({" -b\t", "", "-b\n", "\xff"}, "no prefix is added"); }
+    {
+        const JVM jvm({" -b\t", "", "-b\n", "\xff"}, "no prefix is added");
+    }
     EXPECT_EQ(runtime::calls(),
               (Strings{CREATE + R"(5, ["no prefix is added", " -b\x09", "", "-b\x0a", "\xff"]))" +
                            " = env#1",
@@ -245,9 +247,7 @@ TEST_F(Registry, A_method_of_a_taken_identifier_can_still_be_missing) {
     JVM jvm({}, "-cp");
     const std::uint64_t id = jvm.registerMethod({"a/B", "cd", "()V"});
     EXPECT_EQ(id, (JMethod{"a/Bc", "d", "()V"}.getHash()));
-    EXPECT_EQ(errorOf([&] {
-                  jvm.registerMethod({"a/Bc", "d", "()V"});
-              }),
+    EXPECT_EQ(errorOf([&] { jvm.registerMethod({"a/Bc", "d", "()V"}); }),
               "Couldn't find method 'd' with proper signature of '()V'");
     EXPECT_EQ(printed(), "");
 }
@@ -279,9 +279,7 @@ TEST_F(Invocation, An_unknown_identifier_is_an_error_that_lists_the_arguments) {
     const std::uint64_t id = jvm.registerMethod(RUN);
     const std::size_t before = runtime::calls().size();
     EXPECT_EQ(
-        errorOf([&] {
-            jvm.callJMethod(id + 1, {"x", "y"});
-        }),
+        errorOf([&] { jvm.callJMethod(id + 1, {"x", "y"}); }),
         "Failed to find method. RegID: '" + std::to_string(id + 1) + "' with args:\n\tx\n\ty\n");
     EXPECT_EQ(errorOf([&] { jvm.callJMethod(18446744073709551615U, {}); }),
               "Failed to find method. RegID: '18446744073709551615' with args:\n");
