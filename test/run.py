@@ -71,7 +71,8 @@ def decide(suite):
         found = [str(path) for path in DIRECTORIES if path.exists()]
         if os.geteuid() == 0 and (not found or JOURNAL.exists()):
             return "on this machine, which has no namespaces", [], None
-        reason += f"; and here is {found[0]}" if os.geteuid() == 0 else "; and not root"
+        reason += (f"; and there is {found[0]}, perhaps left by a killed run of a deleted checkout"
+                   if os.geteuid() == 0 else "; and not root")
     elif os.environ.get("THROW_AWAY_MACHINE") == "yes":
         sudo = ["sudo", "-n", "env", *[f"{name}={value}" for name, value in os.environ.items()]]
         return "on this machine, which may be thrown away", sudo if os.geteuid() != 0 else [], None
