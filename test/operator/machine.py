@@ -120,8 +120,9 @@ class Machine:
                                                       "CFBundleShortVersionString": version}))
         put(inner / "MacOS/OrvaneService",
             f"#!/bin/sh\nexec perl -e '{PROGRAMS[program]}' version-{version}\n".encode(), 0o755)
-        for script in "install", "uninstall", "check-install":
+        for script in "install", "check-install":
             put(resources / "operator" / script, stand_in_text(script).encode(), 0o755)
+        (resources / "operator/uninstall").symlink_to("install")
         for label, home, arguments in (("com.vaultory.service.plist", "", []),
                                        ("com.vaultory.service.agent.plist.in", "@HOME@", ["-Duser.install=1"])):
             put(resources / "launchd" / label, plistlib.dumps({
