@@ -1,4 +1,4 @@
-"""A Mac for root's scripts: bundles of a few files, launchd's model, stand-ins for a Mac's tools. The
+"""A Mac for root's scripts: bundles of a few files, the model of launchd, stand-ins for a Mac's tools. The
 scripts are copies with the directory of the stand-ins at the front of PATH and shorter waits."""
 
 import os
@@ -8,128 +8,122 @@ import pwd
 import re
 import shutil
 import subprocess
-import sys
+import time
 import zipfile
 
-from launchd import CLIENT, seal
+from launchd import CLIENT, Model, seal
 from support import CONTENTS, ROOT
 
-HERE = pathlib.Path(__file__).resolve().parent
-MAC = "/tmp/orvane/mac"
+MAC = pathlib.Path("/tmp/orvane/mac")
 ALICE = pwd.getpwnam("nobody")  # any ordinary account
 PROGRAMS = {
     "stays": "sleep 100000",
     "crashes": 'print STDERR "no \\e[31mvalid configuration\\n"; exit 1',
     "dies": f'select(undef, undef, undef, .02) until -e "{MAC}/die"; exit 3',  # later than install looks
     "ignores": '$SIG{TERM} = "IGNORE"; sleep 100000 while 1',
-    "lingers": '$SIG{TERM} = sub { select(undef, undef, undef, .4); exit 143 }; sleep 100000 while 1',
+    "lingers": '$SIG{TERM} = sub { select(undef, undef, undef, .2); exit 143 }; sleep 100000 while 1',
     "exits": "exit 0",
 }
-STAND_INS = {
-    "chflags": "exit 0",
-    "chmod": 'case $1 in -RN) exit ;; esac; exec /bin/chmod "$@"',
-    # An access control list as ls shows it, on the one path in fault/acl.
-    "ls": f'''shift; /bin/ls -ldn "$@" | awk -v acl="$(cat {MAC}/fault/acl 2>/dev/null)" '
-        {{ print; print " 0: group:everyone deny delete" }}
-        acl != "" && substr($0, length($0) - length(acl)) == " " acl {{ print " 1: user:bob allow write" }}' ''',
-}
+# One access control list as ls shows it, on every path, and one more that allows changes.
+LS = r'''shift; /bin/ls -ldn "$@" | awk -v acl="ACL" '{ print; print " 0: group:everyone deny delete" }
+    acl != "" && substr($0, length($0) - length(acl)) == " " acl { print " 1: user:bob allow write" }' '''
+# Does something before or after a call's rename of that number.
+RENAMES = f"""case "$*" in *rename*) ;; *) exec /usr/bin/perl "$@" ;; esac
+    echo >>{MAC}/renames
+    number=$(wc -l <{MAC}/renames)
+    [ $number != NUMBER ] || BEFORE
+    /usr/bin/perl "$@"; status=$?
+    [ $number != NUMBER ] || AFTER
+    exit $status"""
 
 
-def stand_in_text(script):
+def script_text(script):
     """A script of the product as the tests run it."""
     text = (ROOT / "operator" / script).read_text()
-    text, paths = re.subn(r"^export PATH=(/usr/bin:/bin:/usr/sbin:/sbin)$", rf"export PATH={MAC}/bin:\1", text,
-                          flags=re.M)
-    text, waits = re.subn(r"^pause=1 ", "pause=0.02 ", text, flags=re.M)
+    text, paths = re.subn(r"(?m)^export PATH=(?=/usr/bin:/bin:/usr/sbin:/sbin$)", f"export PATH={MAC}/bin:", text)
+    text, waits = re.subn(r"(?m)^pause=1 steady=5 ", "pause=0.01 steady=3 ", text)
     assert (paths, waits) == (1, "pause=" in text)
-    return text
+    return text.replace("alarm 5;", "alarm 1;").encode()
 
 
 class Machine:
-    def __init__(self, root, user=False):
+    def __init__(self, root, user):
         self.root, self.uid = root, ALICE.pw_uid if user else 0
         self.home = f"/Users/{ALICE.pw_name}" if user else ""
         self.domain = f"gui/{self.uid}" if user else "system"
         self.label = "com.vaultory.service" + (".agent" if user else "")
-        self.app = pathlib.Path(f"{self.home}/Applications/Orvane.app")
-        self.support = pathlib.Path(f"{self.home}/Library/Application Support")
-        self.kept, self.data = self.support / "Orvane", self.support / "Quillrest"
-        self.jobs = pathlib.Path(f"{self.home}/Library/Launch{'Agents' if user else 'Daemons'}")
-        self.job, self.target = self.jobs / f"{self.label}.plist", f"{self.domain}/{self.label}"
-        self.log = pathlib.Path(f"{self.home}/Library/Logs/OrvaneService.log")
-        self.mac = pathlib.Path(MAC)
-        for path in *([self.home] if user else []), self.app.parent, self.support, self.jobs, self.log.parent:
-            root.path(path).mkdir(parents=True, exist_ok=True)
-        for path in self.app, self.kept, self.data, self.job, self.log, self.mac:
-            root.path(path)
+        self.app = root.path(f"{self.home}/Applications/Orvane.app")
+        self.service = self.app / "Contents/Library/LaunchServices/OrvaneService.app"
+        self.resources = self.service / "Contents/Resources"
+        self.support = root.path(f"{self.home}/Library/Application Support")
+        self.kept, self.data = root.path(self.support / "Orvane"), root.path(self.support / "Quillrest")
+        self.jobs = root.path(f"{self.home}/Library/Launch{'Agents' if user else 'Daemons'}")
+        self.job, self.target = root.path(self.jobs / f"{self.label}.plist"), f"{self.domain}/{self.label}"
+        self.log = root.path(f"{self.home}/Library/Logs/OrvaneService.log")
+        for path in self.app.parent, self.support, self.jobs, self.log.parent, root.path(MAC) / "bin":
+            path.mkdir(parents=True, exist_ok=True)
         if user:
             self.give(self.home)
-        for name in "fault", "bin", "receipts", "new":
-            (self.mac / name).mkdir(parents=True)
-        for path in self.mac, self.mac / "fault":
-            path.chmod(0o777)
+        self.shared = [(path, path.stat()) for path in (self.app.parent, self.support.parent, self.support, self.jobs)]
+        MAC.chmod(0o777)
         for name in "launchctl", "codesign", "plutil", "xattr", "pkgutil":
-            self.stand_in(name, CLIENT.replace("DIRECTORY", MAC))
-        for name, text in STAND_INS.items():
-            self.stand_in(name, f"#!/bin/sh\n{text}\n")
-        self.server = None
-        self.boot()
+            self.stand_in(name, CLIENT.replace("SOCKET", f"{MAC}/socket"))
+        self.stand_in("chflags", "exit 0")
+        self.stand_in("chmod", 'case $1 in -RN) echo $2 >>/tmp/orvane/mac/lists; exit ;; esac; exec /bin/chmod "$@"')
+        self.access_list("")
+        self.model = Model(MAC)
 
-    def boot(self):
-        self.shut_down()
-        (self.mac / "socket").unlink(missing_ok=True)
-        self.server = subprocess.Popen([sys.executable, "-B", HERE / "launchd.py", MAC], stdout=subprocess.PIPE)
-        assert self.server.stdout.readline() == b"ready\n"
+    def __enter__(self):
+        return self
 
-    def shut_down(self):
-        if self.server:
-            with self.server:
-                self.server.terminate()
-
-    def clear(self):
-        """As it was before anything was installed."""
-        self.boot()
-        for path in self.app, self.kept, self.data, self.job, *self.log.parent.glob("Orvane*"), self.mac / "die":
-            delete(path)
-        for path in self.mac.glob("fault/*"):
-            path.unlink()
-        (self.mac / "notes").write_bytes(b"")
-        (self.mac / "notes").chmod(0o666)
+    def __exit__(self, *error):
+        self.model.end()
+        for path, before in self.shared:  # which this test may not have created
+            path.chmod(before.st_mode & 0o7777)
+            os.chown(path, before.st_uid, before.st_gid)
 
     def stand_in(self, name, text):
-        path = self.mac / "bin" / name
-        path.write_text(text)
-        path.chmod(0o755)
+        put(MAC / "bin" / name, (text if text.startswith("#!") else f"#!/bin/sh\n{text}\n").encode(), 0o755)
 
-    def fault(self, name, value="yes"):
-        (self.mac / "fault" / name).write_text(str(value))
+    def access_list(self, path):
+        """An access control list on this path allows changes."""
+        self.stand_in("ls", LS.replace("ACL", str(path)))
+
+    def at_rename(self, number, before=":", after=":"):
+        (MAC / "renames").unlink(missing_ok=True)
+        self.stand_in("perl", RENAMES.replace("NUMBER", str(number)).replace("BEFORE", before).replace(
+            "AFTER", after))
 
     def give(self, path):
         subprocess.run(["chown", "-Rh", f"{self.uid}:{self.uid}", path], check=True)
 
+    def own(self, path, content=b""):
+        put(path, content)
+        self.give(path)
+
     def bundle(self, version, program="stays", team="A1B2C3D4E5"):
         """Builds the version, signed if there is a team, and returns the Orvane.app."""
-        app = self.mac / "new" / version / "Orvane.app"
+        app = MAC / "new" / version / "Orvane.app"
         delete(app)
         contents, inner = app / "Contents", app.parent / CONTENTS
-        resources, name = inner / "Resources", "com.vaultory.orvane"
-        for directory in inner / "MacOS", inner / "Frameworks", resources / "conf":
+        resources, applications = inner / "Resources", f"/Applications/{CONTENTS}/MacOS"
+        for directory in inner / "Frameworks", resources / "conf":
             directory.mkdir(parents=True)
-        for place, identifier in (contents, name), (inner, name + ".service"):
+        for place, identifier in (contents, "com.vaultory.orvane"), (inner, "com.vaultory.orvane.service"):
             put(place / "Info.plist", plistlib.dumps({"CFBundleIdentifier": identifier,
                                                       "CFBundleShortVersionString": version}))
         put(inner / "MacOS/OrvaneService",
             f"#!/bin/sh\nexec perl -e '{PROGRAMS[program]}' version-{version}\n".encode(), 0o755)
-        for script in "install", "uninstall", "check-install":
-            put(resources / "operator" / script, stand_in_text(script).encode(), 0o755)
-        for label, home, arguments in (("com.vaultory.service.plist", "", []),
-                                       ("com.vaultory.service.agent.plist.in", "@HOME@", ["-Duser.install=1"])):
-            put(resources / "launchd" / label, plistlib.dumps({
-                "Label": re.sub(r"\.plist.*", "", label), "RunAtLoad": True, "KeepAlive": {"SuccessfulExit": False},
-                "ProgramArguments": [f"{home}/Applications/{CONTENTS}/MacOS/OrvaneService", *arguments],
-                "WorkingDirectory": f"{home}/Applications/{CONTENTS}/MacOS", "ThrottleInterval": 30,
-                "ExitTimeOut": 60, "StandardOutPath": f"{home}/Library/Logs/OrvaneService.log",
-                "StandardErrorPath": f"{home}/Library/Logs/OrvaneService.log"}))
+        for script in "install", "check-install":
+            put(resources / "operator" / script, script_text(script), 0o755)
+        (resources / "operator/uninstall").symlink_to("install")
+        for name, home, arguments in (("com.vaultory.service.plist", "", []),
+                                      ("com.vaultory.service.agent.plist.in", "@HOME@", ["-Duser.install=1"])):
+            put(resources / "launchd" / name, plistlib.dumps({
+                "Label": re.sub(r"\.plist.*", "", name), "RunAtLoad": True, "KeepAlive": {"SuccessfulExit": False},
+                "ProgramArguments": [f"{home}{applications}/OrvaneService", *arguments],
+                "WorkingDirectory": home + applications, "ThrottleInterval": 30, "ExitTimeOut": 60,
+                "StandardOutPath": f"{home}/Library/Logs/OrvaneService.log"}))
         put(resources / "jre/release", b'IMPLEMENTOR="x"\nJAVA_VERSION="17.0.9"\n')
         put(resources / "lib/com.vaultory.desktop.jar", b"")
         with zipfile.ZipFile(resources / "lib/com.vaultory.desktop.jar", "w") as jar:
@@ -146,33 +140,40 @@ class Machine:
         user = {"user": self.uid, "group": self.uid, "extra_groups": []} if self.uid else {}
         return subprocess.Popen(command, cwd="/", env={"HOME": self.home, "PATH": "/usr/bin:/bin", **(env or {})},
                                 stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                                **user, **options)
+                                **{**user, **options})
 
     def call(self, app, *arguments, name="install", **options):
         """Runs a script of that bundle, by version or path: its status and text, paths shortened."""
-        app = self.mac / "new" / app / "Orvane.app" if "/" not in str(app) else app
+        app = MAC / "new" / app / "Orvane.app" if "/" not in str(app) else app
         with self.start([*self.script(app, name), *arguments], **options) as process:
             text = process.communicate(timeout=60)[0].decode(errors="surrogateescape")
-        for path, short in ((app, "SOURCE"), (self.app, "APP"), (self.job, "JOB"), (self.kept, "KEPT"),
-                            (self.data, "DATA"), (self.log, "LOG"), (self.target, "TARGET")):
-            text = text.replace(str(path), short)
-        return process.returncode, re.sub(r"process \d+", "process PID", text)
+        return process.returncode, self.short(text.replace(str(app), "SOURCE"))
 
     def install(self, version, program="stays", *arguments):
         self.bundle(version, program)
         return self.call(version, *arguments)
 
-    def launchctl(self, *arguments):
-        return subprocess.run([f"{MAC}/bin/launchctl", *arguments], capture_output=True, text=True)
+    def good(self, *versions):
+        """Installs these in turn; each runs."""
+        for version in versions:
+            assert self.install(version)[0] == 0
 
-    def pid(self):
-        found = re.search(r"^\tpid = (\d+)$", self.launchctl("print", self.target).stdout, re.M)
-        return found and found.group(1)
+    def short(self, text):
+        for path, short in ((self.service, "SERVICE"), (self.app, "APP"), (self.job, "JOB"), (self.kept, "KEPT"),
+                            (self.data, "DATA"), (self.log, "LOG"), (self.target, "TARGET"), (self.jobs, "JOBS"),
+                            (self.support, "SUPPORT")):
+            text = text.replace(str(path), short)
+        return re.sub(r"process \d+", "process PID", text)
+
+    def loaded(self):
+        return self.model.jobs.get(self.target)
 
     def running(self):
         """The version of the process that launchd knows, None without one."""
-        command = subprocess.run(["ps", "-o", "args=", "-p", self.pid() or "0"], capture_output=True, text=True)
-        found = re.search(r"version-(\S+)", command.stdout)
+        process = self.loaded() and self.loaded().process
+        command = subprocess.run(["ps", "-o", "args=", "-p", str(process.pid if process else 0)],
+                                 capture_output=True, text=True).stdout
+        found = re.search(r"version-(\S+)", command)
         return found and found.group(1)
 
     def seen(self):
@@ -180,12 +181,15 @@ class Machine:
         left = {path.name for path in self.kept.glob("*")} - {"lock", "former"}
         return self.running(), version(self.app), version(self.kept / "former/Orvane.app"), left
 
-    def notes(self):
-        return (self.mac / "notes").read_text().splitlines()
+    def wait(self, condition):
+        deadline = time.monotonic() + 60
+        while not condition(self.loaded()):
+            assert time.monotonic() < deadline
+            time.sleep(0.01)
 
 
 def version(app):
-    path = pathlib.Path(app).parent / CONTENTS / "Info.plist"
+    path = app.parent / CONTENTS / "Info.plist"
     return plistlib.loads(path.read_bytes())["CFBundleShortVersionString"] if path.exists() else None
 
 
