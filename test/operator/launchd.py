@@ -28,8 +28,7 @@ my ($status, $error, $text) = unpack "CCa*", join "", <S>;
 print { $error ? STDERR : STDOUT } $text;
 exit $status;
 """
-BUSY = 36, "", "Boot-out failed: 36: Operation now in progress\n"
-REFUSED = 5, "", "Bootstrap failed: 5: Input/output error\n"
+OK, IO_ERROR, BUSY = (0, "", ""), (5, "", "5: Input/output error\n"), (36, "", "36: Operation now in progress\n")
 
 
 class Job:
@@ -42,21 +41,17 @@ class Job:
         threading.Thread(target=self.live, daemon=True).start()
 
     def spawn(self):
-        log = os.open(self.keys["StandardOutPath"], os.O_WRONLY | os.O_APPEND | os.O_CREAT | os.O_NONBLOCK, 0o644)
-        try:
-            with self.model.lock:
-                if self.removed:
-                    return
-                others = [name for name, process in self.model.processes if process.poll() is None]
-                self.model.two_at_once |= self.target in others
+        with self.model.lock, open(self.keys["StandardOutPath"], "ab", opener=lambda path, flags: os.open(
+                path, flags | os.O_NONBLOCK, 0o644)) as log:
+            if not self.removed:
+                self.model.two_at_once |= any(name == self.target and process.poll() is None
+                                              for name, process in self.model.processes)
                 uid = int(self.target.split("/")[1]) if self.target.startswith("gui") else None
                 self.process = subprocess.Popen(
                     self.keys["ProgramArguments"], cwd=self.keys["WorkingDirectory"], stdout=log, stderr=log,
                     stdin=subprocess.DEVNULL, env={"PATH": "/usr/bin:/bin"}, start_new_session=True, user=uid)
                 self.runs += 1
                 self.model.processes.append((self.target, self.process))
-        finally:
-            os.close(log)
 
     def live(self):
         while not self.removed:
@@ -65,10 +60,9 @@ class Job:
                 code = self.process.wait() if self.process else 0
             except OSError:
                 code = 78
-            with self.model.lock:
-                self.process = None
-                self.ended = f"last exit code = {code}" if code >= 0 else \
-                    f"last terminating signal = {signal.strsignal(-code)}: {-code}"
+            self.process, self.ended = None, (
+                f"last exit code = {code}" if code >= 0 else
+                f"last terminating signal = {signal.strsignal(-code)}: {-code}")
             if code == 0:
                 return
             time.sleep(self.keys["ThrottleInterval"] / SCALE)
@@ -148,16 +142,12 @@ class Model(socketserver.ThreadingUnixStreamServer):
         return 0, ('\n\tdisabled services = {\n\t\t"com.vaultory.service2" => disabled\n'
                    f'\t\t"com.vaultory.servic" => true\n{"".join(rows)}\t}}\n'), ""
 
-    def enable(self, uid, target):
-        self.disabled.discard(target)
-        return 0, "", ""
-
     def bootout(self, uid, target):
         if self.use("bootout"):
-            return 5, "", "Boot-out failed: 5: Input/output error\n"
+            return IO_ERROR
         job = self.jobs.get(target)
         if not job:
-            return 3, "", "Boot-out failed: 3: No such process\n"
+            return 3, "", "3: No such process\n"
         if not job.removed:
             job.removed = True
             threading.Thread(target=job.end, daemon=True).start()
@@ -167,12 +157,12 @@ class Model(socketserver.ThreadingUnixStreamServer):
         found = os.lstat(path)
         target = f"{domain}/{plistlib.loads(pathlib.Path(path).read_bytes())['Label']}"
         if target in self.jobs:
-            return 37, "", "Bootstrap failed: 37: Operation already in progress\n"
+            return 37, "", "37: Operation already in progress\n"
         if (target in self.disabled or time.monotonic() < self.refused.get(target, 0) or found.st_uid != uid
                 or not stat.S_ISREG(found.st_mode) or found.st_mode & 0o022 or self.use("bootstrap")):
-            return REFUSED
+            return IO_ERROR
         self.jobs[target] = Job(self, target, path)
-        return 0, "", ""
+        return OK
 
     def plutil(self, arguments, text):
         try:
@@ -191,25 +181,22 @@ class Model(socketserver.ThreadingUnixStreamServer):
             return 1, "", f"{name}: a sealed resource is missing or invalid\nfile added: x\n"
         if "-R" in options and f'"{signed[1]}"' not in options[-1]:
             return 3, "", f"{name}: valid on disk\n{name}: test-requirement: code failed to satisfy\n"
-        return 0, "", ""
+        return OK
 
     def xattr(self, arguments, text):
-        return (0, "", "") if "quarantine" in self.faults or "-rd" in arguments else (1, "", "No such xattr\n")
+        return OK if "quarantine" in self.faults or "-rd" in arguments else (1, "", "No such xattr\n")
 
     def pkgutil(self, arguments, text):
         known = arguments[1] in self.receipts
-        if arguments[0] == "--forget":
-            self.receipts.discard(arguments[1])
-        return (0, "", "") if known else (1, "", f"No receipt for '{arguments[1]}' found at '/'.\n")
+        self.receipts -= {arguments[1]} if arguments[0] == "--forget" else set()
+        return OK if known else (1, "", "No receipt\n")
 
 
 def seal(bundle):
     """What a signature is of: names and contents of everything in the bundle but the signature."""
-    value = hashlib.sha256()
-    for path in sorted(pathlib.Path(bundle).rglob("*")):
-        if path.is_file() and path.parent != pathlib.Path(bundle, "Contents/_CodeSignature"):
-            value.update(f"{path.relative_to(bundle)}\0".encode() + path.read_bytes())
-    return value.hexdigest()
+    files = sorted(path for path in pathlib.Path(bundle).rglob("*") if path.is_file())
+    return hashlib.sha256(repr([(path.relative_to(bundle), path.read_bytes()) for path in files
+                                if path.parent.name != "_CodeSignature"]).encode()).hexdigest()
 
 
 class Handler(socketserver.StreamRequestHandler):

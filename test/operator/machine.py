@@ -9,7 +9,6 @@ import re
 import shutil
 import subprocess
 import time
-import zipfile
 
 from launchd import CLIENT, Model, seal
 from support import CONTENTS, ROOT
@@ -54,12 +53,16 @@ class Machine:
         self.label = "com.vaultory.service" + (".agent" if user else "")
         self.app = root.path(f"{self.home}/Applications/Orvane.app")
         self.service = self.app / "Contents/Library/LaunchServices/OrvaneService.app"
-        self.resources = self.service / "Contents/Resources"
+        self.owner = ALICE.pw_name if user else "root"
         self.support = root.path(f"{self.home}/Library/Application Support")
         self.kept, self.data = root.path(self.support / "Orvane"), root.path(self.support / "Quillrest")
         self.jobs = root.path(f"{self.home}/Library/Launch{'Agents' if user else 'Daemons'}")
         self.job, self.target = root.path(self.jobs / f"{self.label}.plist"), f"{self.domain}/{self.label}"
         self.log = root.path(f"{self.home}/Library/Logs/OrvaneService.log")
+        self.names = {  # the longer paths first
+            "RELEASE": self.service / "Contents/Resources/jre/release", "SERVICE": self.service, "APP": self.app,
+            "JOB": self.job, "KEPT": self.kept, "DATA": self.data, "LOG": self.log, "TARGET": self.target,
+            "JOBS": self.jobs, "SUPPORT": self.support}
         for path in self.app.parent, self.support, self.jobs, self.log.parent, root.path(MAC) / "bin":
             path.mkdir(parents=True, exist_ok=True)
         if user:
@@ -69,6 +72,7 @@ class Machine:
         for name in "launchctl", "codesign", "plutil", "xattr", "pkgutil":
             self.stand_in(name, CLIENT.replace("SOCKET", f"{MAC}/socket"))
         self.stand_in("chflags", "exit 0")
+        self.stand_in("unzip", 'cat "$2"')
         self.stand_in("chmod", 'case $1 in -RN) echo $2 >>/tmp/orvane/mac/lists; exit ;; esac; exec /bin/chmod "$@"')
         self.access_list("")
         self.model = Model(MAC)
@@ -97,10 +101,6 @@ class Machine:
     def give(self, path):
         subprocess.run(["chown", "-Rh", f"{self.uid}:{self.uid}", path], check=True)
 
-    def own(self, path, content=b""):
-        put(path, content)
-        self.give(path)
-
     def bundle(self, version, program="stays", team="A1B2C3D4E5"):
         """Builds the version, signed if there is a team, and returns the Orvane.app."""
         app = MAC / "new" / version / "Orvane.app"
@@ -125,9 +125,7 @@ class Machine:
                 "WorkingDirectory": home + applications, "ThrottleInterval": 30, "ExitTimeOut": 60,
                 "StandardOutPath": f"{home}/Library/Logs/OrvaneService.log"}))
         put(resources / "jre/release", b'IMPLEMENTOR="x"\nJAVA_VERSION="17.0.9"\n')
-        put(resources / "lib/com.vaultory.desktop.jar", b"")
-        with zipfile.ZipFile(resources / "lib/com.vaultory.desktop.jar", "w") as jar:
-            jar.writestr("META-INF/MANIFEST.MF", f"Manifest-Version: 1.0\r\nImplementation-Version: {version}\r\n")
+        put(resources / "lib/com.vaultory.desktop.jar", f"x\r\nImplementation-Version: {version}\r\n".encode())
         for place in (inner, contents) if team else ():
             put(place / "_CodeSignature/CodeResources", f"{seal(place.parent)} {team}".encode())
         return app
@@ -159,10 +157,8 @@ class Machine:
             assert self.install(version)[0] == 0
 
     def short(self, text):
-        for path, short in ((self.service, "SERVICE"), (self.app, "APP"), (self.job, "JOB"), (self.kept, "KEPT"),
-                            (self.data, "DATA"), (self.log, "LOG"), (self.target, "TARGET"), (self.jobs, "JOBS"),
-                            (self.support, "SUPPORT")):
-            text = text.replace(str(path), short)
+        for name, path in self.names.items():
+            text = text.replace(str(path), name)
         return re.sub(r"process \d+", "process PID", text)
 
     def loaded(self):
@@ -186,6 +182,11 @@ class Machine:
         while not condition(self.loaded()):
             assert time.monotonic() < deadline
             time.sleep(0.01)
+
+    def die(self):
+        """The version that "dies" does so, again and again."""
+        (MAC / "die").touch()
+        self.wait(lambda job: job.runs > 1)
 
 
 def version(app):
