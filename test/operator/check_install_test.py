@@ -12,7 +12,6 @@ from support import ROOT
 
 USAGE = re.search(r'(?ms)^usage="(.*?)"$', (ROOT / "operator/check-install").read_text()).group(1) + "\n"
 VERSIONS = "Versions: launcher 1, service 1, runtime 17.0.9.\n"
-user = pytest.mark.parametrize("machine", ["user"], indirect=True)
 
 
 @pytest.fixture
@@ -50,8 +49,8 @@ NO_BUNDLE = "APP: missing, or a link; install the bundle"
 OTHER_JOB = "JOB: not as the bundle has it; " + AGAIN
 OUTER, INNER = (f"{path}: signature: a sealed resource is missing or invalid\\x{{a}}file added: x; {AGAIN}"
                 for path in ("APP", "SERVICE"))
-UNSIGNED, INNER_UNSIGNED = (f"{path}: signature: code object is not signed at all\\x{{a}}In architecture: "
-                            f"x86_64; {AGAIN}" for path in ("APP", "SERVICE"))
+UNSIGNED, INNER_UNSIGNED = (f"{path}: signature: code object is not signed at all; {AGAIN}"
+                            for path in ("APP", "SERVICE"))
 LINES = [f"DATA/conf/jvm_args: line {number} is not allowed; the launcher will not start; correct or delete "
          "it" for number in (1, 2, 4, 5, 6, 7)]
 # What is done to a correct installation, by sh or here, and the lines that report it: one fault per row.
@@ -69,7 +68,7 @@ BROKEN = [
     (9, "rm -r $APP/Contents/_CodeSignature $SERVICE/Contents/_CodeSignature", UNSIGNED, INNER_UNSIGNED),
     (10, "perl -pi -e s/.1./.2./ $SERVICE/Contents/Info.plist",
      OUTER, INNER, f"APP: not the version of the service in it; {AGAIN}"),
-    (2, lambda m: m.model.faults.update(quarantine=1), f"APP: quarantined; {AGAIN}"),
+    (2, "touch $MAC/quarantine", f"APP: quarantined; {AGAIN}"),
     (2, "mkfifo $APP/Contents/x", f"APP/Contents/x: {KIND}"),
     (3, "chmod 4755 $RELEASE", f"RELEASE: {KIND}"),
     (4, "chmod 775 $SERVICE/Contents/MacOS", f"SERVICE/Contents/MacOS: {OPEN}"),
@@ -125,7 +124,6 @@ CORRECT = [  # likewise
     (3, lambda m: [m.good("2"), m.call("1", "--rollback")]),
     (3, "true >$ARGS"),
     (3, lambda m: [crash(m), m.stand_in("ps", "echo '15:01'")]),  # a quarter of an hour ago
-    (4, lambda m: [(m.bundle("1") / "Contents/x").symlink_to("Library"), m.call("1")]),
     (4, lambda m: m.install("2", "crashes")),
     (4, "printf -- '-Dorv.security.mode=a b \\n-Djava.net.preferIPv4Stack=\\377\\r\\n' >$ARGS"),
     (5, lambda m: m.install("1", "exits")),
@@ -137,11 +135,7 @@ def arrange(machine, table, number):
     """Does what the rows of that number say, and returns their lines."""
     rows = [row for row in table if row[0] == number]
     for _, change, *_ in rows:
-        if callable(change):
-            change(machine)
-        else:
-            subprocess.run(["sh", "-ec", "IFS=; ARGS=$DATA/conf/jvm_args; " + change], check=True,
-                           env={**os.environ, **machine.names, "MAC": MAC})
+        change(machine) if callable(change) else machine.sh(change)
     return [line for row in rows for line in row[2:]]
 
 
@@ -171,7 +165,7 @@ def test_a_service_that_crashes_at_each_start_is_reported(machine):
                         r"Deviations found: 1\.\n", check(machine)[1])
 
 
-@user
+@pytest.mark.parametrize("machine", ["user"], indirect=True)
 def test_a_user_s_installation_is_checked_with_that_user_s_rights(installed):
     installed.stand_in("codesign", f"id -u >>{MAC}/ids")
     assert check(installed) == (0, VERSIONS + "State: runs, process PID.\nNo deviation found.\n", "")

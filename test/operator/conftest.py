@@ -19,13 +19,13 @@ def users():
 
 @pytest.fixture
 def machine(request):
-    """A Mac with nothing installed, for the system-wide installation or, with the parameter "user", an
-    ordinary user's."""
+    """A Mac with nothing installed, for the system-wide service or, with the parameter "user", an agent."""
     if os.environ.get("NO_ROOT") or os.geteuid() != 0:
         unavailable(os.environ.get("NO_ROOT") or "root's scripts are tested as root")
     from machine import Machine
     user = getattr(request, "param", "system") == "user"
     if user:
         request.getfixturevalue("users")
-    with Machine(request.getfixturevalue("root"), user) as mac:
-        yield mac
+    machine = Machine(request.getfixturevalue("root"), user)
+    yield machine
+    machine.end()
