@@ -45,7 +45,6 @@ LIST = "an access control list allows changes; chmod -RN"
 LINK = "a symbolic link; replace it with what it names"
 LEFT = "left by an interrupted call; call install again, unless one is at work"
 GONE, WRONG = "missing, or no regular file; " + AGAIN, "missing, or no regular file; remove it"
-NO_BUNDLE = "APP: missing, or a link; install the bundle"
 OTHER_JOB = "JOB: not as the bundle has it; " + AGAIN
 OUTER, INNER = (f"{path}: signature: a sealed resource is missing or invalid\\x{{a}}file added: x; {AGAIN}"
                 for path in ("APP", "SERVICE"))
@@ -56,8 +55,8 @@ LINES = [f"DATA/conf/jvm_args: line {number} is not allowed; the launcher will n
 # What is done to a correct installation, by sh or here, and the lines that report it: one fault per row.
 # The rows with one number are checked in one run.
 BROKEN = [
-    (0, "rm -r $APP", NO_BUNDLE),
-    (1, "mv $APP $MAC; ln -s $MAC/Orvane.app $APP", NO_BUNDLE),
+    (0, "rm -r $APP", "APP: missing; install the bundle"),
+    (1, "mv $APP $MAC; ln -s $MAC/Orvane.app $APP", "APP: a link; install the bundle"),
     (2, "touch $SERVICE/Contents/Resources/conf/x", OUTER, INNER),
     (3, "touch $SERVICE/Contents/MacOS/hs_err_pid7.log", OUTER, INNER),
     (4, "echo x >$SERVICE/Contents/MacOS/OrvaneService", OUTER, INNER),

@@ -329,10 +329,9 @@ class Machine:
     def seen(self):
         """The version that runs, is in place, is kept, and what is left over."""
         running = None
-        while self.loaded() and self.loaded().process and not running:  # sh first, which has no version
-            command = subprocess.run(["ps", "-o", "args=", "-p", str(self.loaded().process.pid)], text=True,
-                                     stdout=subprocess.PIPE).stdout
-            running = re.search(r"version-(\S+)|$", command).group(1)
+        while not running and (job := self.loaded()) and (process := job.process):  # sh has no version
+            command = subprocess.run(["ps", "-o", "args=", "-p", str(process.pid)], stdout=subprocess.PIPE)
+            running = re.search(r"version-(\S+)|$", command.stdout.decode()).group(1)
         left = {path.name for path in self.kept.glob("*")} - {"lock", "former"}
         return running, version(self.app), version(self.kept / "former/Orvane.app"), left
 
