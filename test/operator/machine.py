@@ -1,5 +1,10 @@
-"""A Mac for root's scripts: bundles of a few files, launchd's model, stand-ins for a Mac's tools. The
-scripts are copies with the directory of the stand-ins at the front of PATH and shorter waits."""
+"""A Mac for root's scripts: bundles of a few files, a model of launchd with real processes, stand-ins for
+the tools that only a Mac has. The scripts are copies with the directory of the stand-ins at the front of
+PATH and shorter waits. A stand-in that is a CLIENT sends its call to the model over a socket.
+
+As launchd does: bootout returns before the process has ended, which is killed after ExitTimeOut; a
+bootstrap of that label is refused with 5 for a while; a job runs at load, and again after ThrottleInterval
+unless it exited with 0; a log that cannot be opened ends it with 78. Times are 1/200 of a Mac's."""
 
 import os
 import pathlib
@@ -7,186 +12,352 @@ import plistlib
 import pwd
 import re
 import shutil
+import signal
+import socketserver
+import stat
 import subprocess
-import sys
-import zipfile
+import threading
+import time
 
-from launchd import CLIENT, seal
 from support import CONTENTS, ROOT
 
-HERE = pathlib.Path(__file__).resolve().parent
-MAC = "/tmp/orvane/mac"
+MAC = pathlib.Path("/tmp/orvane/mac")
 ALICE = pwd.getpwnam("nobody")  # any ordinary account
+SCALE = 200
 PROGRAMS = {
     "stays": "sleep 100000",
     "crashes": 'print STDERR "no \\e[31mvalid configuration\\n"; exit 1',
     "dies": f'select(undef, undef, undef, .02) until -e "{MAC}/die"; exit 3',  # later than install looks
     "ignores": '$SIG{TERM} = "IGNORE"; sleep 100000 while 1',
-    "lingers": '$SIG{TERM} = sub { select(undef, undef, undef, .4); exit 143 }; sleep 100000 while 1',
+    "lingers": '$SIG{TERM} = sub { select(undef, undef, undef, .2); exit 143 }; sleep 100000 while 1',
     "exits": "exit 0",
 }
+CLIENT = f"""#!/usr/bin/perl
+use Socket;
+my $name = $0 =~ s{{.*/}}{{}}r;
+my $in = $name eq "plutil" && $ARGV[-1] eq "-" ? join("", <STDIN>) : "";
+socket(S, PF_UNIX, SOCK_STREAM, 0) && connect(S, pack_sockaddr_un("{MAC}/socket")) or die "no model: $!";
+syswrite S, join "\\0", $>, $name, scalar @ARGV, @ARGV, $in;
+shutdown S, 1;
+my ($status, $error, $text) = unpack "CCa*", join "", <S>;
+print {{ $error ? STDERR : STDOUT }} $text;
+exit $status;
+"""
+# As a signature does, the file _CodeSignature/CodeResources notices what is changed later; it has the team.
+# chmod and ls: one access control list on each path, and on ACL one more that allows changes.
 STAND_INS = {
     "chflags": "exit 0",
-    "chmod": 'case $1 in -RN) exit ;; esac; exec /bin/chmod "$@"',
-    # An access control list as ls shows it, on the one path in fault/acl.
-    "ls": f'''shift; /bin/ls -ldn "$@" | awk -v acl="$(cat {MAC}/fault/acl 2>/dev/null)" '
-        {{ print; print " 0: group:everyone deny delete" }}
-        acl != "" && substr($0, length($0) - length(acl)) == " " acl {{ print " 1: user:bob allow write" }}' ''',
+    "unzip": 'cat "$2"',
+    "chmod": f'[ $1 != -RN ] || exec echo $2 >>{MAC}/lists; exec /bin/chmod "$@"',
+    "ls": r"""shift; /bin/ls -ldn "$@" | awk -v acl="ACL" '{ print; print " 0: group:everyone deny delete" }
+        acl != "" && substr($0, length($0) - length(acl)) == " " acl { print " 1: user:bob allow write" }' """,
+    "xattr": f'echo "xattr $1" >>{MAC}/calls; [ $1 = -rd ] || [ -e {MAC}/quarantine ]',
+    "pkgutil": f'[ -e {MAC}/receipts/$2 ] || exit 1; [ $1 != --forget ] || rm {MAC}/receipts/$2',
+    "codesign": f"""echo "codesign $1" >>{MAC}/calls
+        for path; do :; done
+        seal=$path/Contents/_CodeSignature/CodeResources
+        fail() {{ echo "$path: $1" >&2; exit 1; }}
+        [ -e "$seal" ] || fail "code object is not signed at all"
+        [ -z "$(find "$path" -newer "$seal")" ] || fail "a sealed resource is missing or invalid
+file added: x"
+        case $*: in *OU*\"$(cat "$seal")\"*) ;; *OU*) fail "test-requirement: code failed to satisfy" ;; esac""",
 }
+# Does something before or after a call's rename of that number.
+RENAMES = f"""case "$*" in *rename*) ;; *) exec /usr/bin/perl "$@" ;; esac
+    echo >>{MAC}/renames
+    number=$(wc -l <{MAC}/renames)
+    [ $number != NUMBER ] || BEFORE
+    /usr/bin/perl "$@"; status=$?
+    [ $number != NUMBER ] || AFTER
+    exit $status"""
+# Answers of a tool: status, standard output, standard error.
+OK, IO_ERROR, BUSY = (0, "", ""), (5, "", "5: Input/output error\n"), (36, "", "36: Operation in progress\n")
 
 
-def stand_in_text(script):
-    """A script of the product as the tests run it."""
-    text = (ROOT / "operator" / script).read_text()
-    text, paths = re.subn(r"^export PATH=(/usr/bin:/bin:/usr/sbin:/sbin)$", rf"export PATH={MAC}/bin:\1", text,
-                          flags=re.M)
-    text, waits = re.subn(r"^pause=1 ", "pause=0.02 ", text, flags=re.M)
-    assert (paths, waits) == (1, "pause=" in text)
-    return text
+class Job:
+    """A loaded job: what the property list said when it was loaded, and its process."""
+
+    def __init__(self, model, uid, target, path):
+        self.model, self.uid, self.target, self.path = model, uid, target, path
+        self.keys = plistlib.loads(pathlib.Path(path).read_bytes())
+        self.process, self.runs, self.ended, self.removed = None, 0, "last exit code = (never exited)", False
+        threading.Thread(target=self.live, daemon=True).start()
+
+    def spawn(self):
+        with open(self.keys["StandardOutPath"], "ab", opener=lambda path, flags: os.open(
+                path, flags | os.O_NONBLOCK, 0o644)) as log:
+            self.process = subprocess.Popen(
+                self.keys["ProgramArguments"], cwd=self.keys["WorkingDirectory"], stdout=log, stderr=log,
+                stdin=subprocess.DEVNULL, env={}, start_new_session=True, user=self.uid or None)
+        self.model.two_at_once |= any(process.poll() is None for process in self.model.processes)
+        self.model.processes.append(self.process)
+        self.runs += 1
+
+    def live(self):
+        code = None
+        while code != 0:
+            with self.model.lock:
+                if self.removed:
+                    return
+                try:
+                    self.spawn()
+                except OSError:
+                    self.process = None
+            code = self.process.wait() if self.process else 78
+            self.process, self.ended = None, f"last exit code = {code}" if code >= 0 else (
+                f"last terminating signal = {signal.strsignal(-code)}: {-code}")
+            time.sleep(self.keys["ThrottleInterval"] / SCALE if code else 0)
+
+    def end(self, process):
+        """What bootout starts."""
+        if process:
+            process.send_signal(signal.SIGTERM)
+            if "forgets at once" in self.model.faults:
+                self.forget()
+            try:
+                process.wait(self.keys["ExitTimeOut"] / SCALE)
+            except subprocess.TimeoutExpired:
+                process.kill()
+                process.wait()
+        time.sleep(5 / SCALE)
+        self.forget()
+        self.model.refused[self.target] = time.monotonic() + 10 / SCALE
+
+    def forget(self):
+        if self.model.jobs.get(self.target) is self:
+            del self.model.jobs[self.target]
+
+
+class Model(socketserver.ThreadingUnixStreamServer):
+    """launchd, and plutil; the value of a fault is the number of its uses, or what launchd says."""
+    daemon_threads, request_queue_size = True, 64
+
+    def __init__(self):
+        super().__init__(f"{MAC}/socket", None)
+        os.chmod(f"{MAC}/socket", 0o777)
+        self.lock, self.two_at_once, self.processes = threading.RLock(), False, []
+        self.jobs, self.refused, self.disabled, self.faults = {}, {}, set(), {}
+        threading.Thread(target=self.serve_forever, args=[.01], daemon=True).start()
+
+    def finish_request(self, request, _):
+        with request.makefile("rb") as file:
+            uid, name, count, rest = file.read().split(b"\0", 3)
+        *arguments, text = rest.split(b"\0", int(count))
+        arguments = [os.fsdecode(argument) for argument in arguments]
+        with self.lock:
+            status, out, error = self.plutil(arguments, text) if name == b"plutil" else getattr(
+                self, arguments[0].replace("-", "_"))(int(uid), *arguments[1:])
+        request.sendall(bytes([status, bool(error)]) + os.fsencode(error or out))
+
+    def end(self):
+        self.shutdown()
+        self.server_close()
+        with self.lock:
+            for job in self.jobs.values():
+                job.removed = True
+            for process in self.processes:
+                process.kill()
+                process.wait()
+
+    def use(self, fault):
+        """Whether a fault is there, which has one use less."""
+        self.faults[fault] = self.faults.get(fault, 0) - 1
+        return self.faults[fault] >= 0
+
+    def print(self, uid, target):
+        if target.count("/") == target.startswith("gui"):
+            return (125, "", "No such domain\n") if "logged out" in self.faults else (0, "domain\n", "")
+        job = self.jobs.get(target)
+        if not job:
+            return 113, "", f'Could not find service "{target}" in domain\n'
+        process = job.process
+        pid = f"\tpid = {process.pid}\n" if process else ""
+        return 0, (f"{target} = {{\n\tpath = {job.path}\n\n\tendpoints = {{\n\t\t\"a\" = {{\n\t\t\tpid = 1\n"
+                   "\t\t\truns = 9\n\t\t\tlast exit code = 9\n\t\t}\n\t}\n\n"
+                   f"\truns = {job.runs}\n{pid}\t{job.ended}\n}}\n"), ""
+
+    def print_disabled(self, uid, domain):
+        rows = [f'\t\t"{target.split("/")[-1]}" => {self.faults.get("disabled", "disabled")}\n'
+                for target in self.disabled if target.rpartition("/")[0] == domain]
+        return 0, '\n\tdisabled services = {\n\t\t"com.vaultory.servic" => true\n' + "".join(rows) + "\t}\n", ""
+
+    def bootout(self, uid, target):
+        job = self.jobs.get(target)
+        if not job or self.use("bootout"):
+            return IO_ERROR if job else (3, "", "3: No such process\n")
+        if not job.removed:
+            job.removed = True
+            threading.Thread(target=job.end, args=[job.process], daemon=True).start()
+        return BUSY
+
+    def bootstrap(self, uid, domain, path):
+        found = os.lstat(path)
+        target = f"{domain}/{plistlib.loads(pathlib.Path(path).read_bytes())['Label']}"
+        if target in self.jobs:
+            return 37, "", "37: Operation already in progress\n"
+        if (target in self.disabled or time.monotonic() < self.refused.get(target, 0) or found.st_uid != uid
+                or not stat.S_ISREG(found.st_mode) or found.st_mode & 0o022 or self.use("bootstrap")):
+            return IO_ERROR
+        self.jobs[target] = Job(self, uid, target, path)
+        return OK
+
+    def plutil(self, arguments, text):
+        try:
+            keys = plistlib.loads(text if arguments[-1] == "-" else pathlib.Path(arguments[-1]).read_bytes())
+        except Exception as error:
+            return 1, "", f"{arguments[-1]}: {error}\n"
+        return (0, plistlib.dumps(keys).decode(), "") if arguments[0] == "-convert" else OK
 
 
 class Machine:
-    def __init__(self, root, user=False):
-        self.root, self.uid = root, ALICE.pw_uid if user else 0
+    def __init__(self, root, user):
+        self.root, self.uid, self.owner = root, *((ALICE.pw_uid, ALICE.pw_name) if user else (0, "root"))
+        self.user = {"user": self.uid, "group": self.uid, "extra_groups": []} if user else {}
         self.home = f"/Users/{ALICE.pw_name}" if user else ""
-        self.domain = f"gui/{self.uid}" if user else "system"
-        self.label = "com.vaultory.service" + (".agent" if user else "")
-        self.app = pathlib.Path(f"{self.home}/Applications/Orvane.app")
-        self.support = pathlib.Path(f"{self.home}/Library/Application Support")
-        self.kept, self.data = self.support / "Orvane", self.support / "Quillrest"
-        self.jobs = pathlib.Path(f"{self.home}/Library/Launch{'Agents' if user else 'Daemons'}")
-        self.job, self.target = self.jobs / f"{self.label}.plist", f"{self.domain}/{self.label}"
-        self.log = pathlib.Path(f"{self.home}/Library/Logs/OrvaneService.log")
-        self.mac = pathlib.Path(MAC)
-        for path in *([self.home] if user else []), self.app.parent, self.support, self.jobs, self.log.parent:
-            root.path(path).mkdir(parents=True, exist_ok=True)
-        for path in self.app, self.kept, self.data, self.job, self.log, self.mac:
-            root.path(path)
+        self.domain, self.label = "system", "com.vaultory.service"
+        if user:
+            self.domain, self.label = f"gui/{self.uid}", self.label + ".agent"
+        self.target = f"{self.domain}/{self.label}"
+        self.app, self.support, self.jobs, logs, _ = self.shared = [root.path(self.home + path) for path in (
+            "/Applications/Orvane.app", "/Library/Application Support",
+            "/Library/LaunchAgents" if user else "/Library/LaunchDaemons", "/Library/Logs", "/Library")]
+        self.shared[0] = self.app.parent
+        self.service = self.app / "Contents/Library/LaunchServices/OrvaneService.app"
+        self.kept, self.data, self.job, self.log = map(root.path, (
+            self.support / "Orvane", self.support / "Quillrest", self.jobs / f"{self.label}.plist",
+            logs / "OrvaneService.log"))
+        self.names = {  # the longer paths first
+            "RELEASE": self.service / "Contents/Resources/jre/release", "SERVICE": self.service,
+            "APP": self.app, "JOB": self.job, "KEPT": self.kept, "DATA": self.data, "LOG": self.log,
+            "TARGET": self.target, "JOBS": self.jobs, "SUPPORT": self.support}
+        for path in *self.shared, root.path(MAC) / "bin":
+            path.mkdir(parents=True, exist_ok=True)
+        MAC.chmod(0o777)
         if user:
             self.give(self.home)
-        for name in "fault", "bin", "receipts", "new":
-            (self.mac / name).mkdir(parents=True)
-        for path in self.mac, self.mac / "fault":
-            path.chmod(0o777)
-        for name in "launchctl", "codesign", "plutil", "xattr", "pkgutil":
-            self.stand_in(name, CLIENT.replace("DIRECTORY", MAC))
-        for name, text in STAND_INS.items():
-            self.stand_in(name, f"#!/bin/sh\n{text}\n")
-        self.server = None
-        self.boot()
+        self.shared = {path: path.stat() for path in self.shared}
+        for name, text in {"launchctl": CLIENT, "plutil": CLIENT, **STAND_INS}.items():
+            self.stand_in(name, text.replace("ACL", ""))
+        self.model = Model()
 
-    def boot(self):
-        self.shut_down()
-        (self.mac / "socket").unlink(missing_ok=True)
-        self.server = subprocess.Popen([sys.executable, "-B", HERE / "launchd.py", MAC], stdout=subprocess.PIPE)
-        assert self.server.stdout.readline() == b"ready\n"
-
-    def shut_down(self):
-        if self.server:
-            with self.server:
-                self.server.terminate()
-
-    def clear(self):
-        """As it was before anything was installed."""
-        self.boot()
-        for path in self.app, self.kept, self.data, self.job, *self.log.parent.glob("Orvane*"), self.mac / "die":
-            delete(path)
-        for path in self.mac.glob("fault/*"):
-            path.unlink()
-        (self.mac / "notes").write_bytes(b"")
-        (self.mac / "notes").chmod(0o666)
+    def end(self):
+        self.model.end()
+        for path, before in self.shared.items():  # which this test may not have created
+            path.chmod(before.st_mode & 0o7777)
+            os.chown(path, before.st_uid, before.st_gid)
 
     def stand_in(self, name, text):
-        path = self.mac / "bin" / name
-        path.write_text(text)
-        path.chmod(0o755)
+        put(MAC / "bin" / name, (text if text.startswith("#!") else f"#!/bin/sh\n{text}\n").encode(), 0o755)
 
-    def fault(self, name, value="yes"):
-        (self.mac / "fault" / name).write_text(str(value))
+    def access_list(self, path):
+        """An access control list on this path allows changes."""
+        self.stand_in("ls", STAND_INS["ls"].replace("ACL", str(path)))
+
+    def at_rename(self, number, before=":", after=":"):
+        (MAC / "renames").unlink(missing_ok=True)
+        self.stand_in("perl", RENAMES.replace("NUMBER", str(number)).replace("BEFORE", before).replace(
+            "AFTER", after))
 
     def give(self, path):
         subprocess.run(["chown", "-Rh", f"{self.uid}:{self.uid}", path], check=True)
 
+    def sh(self, command):
+        """Runs a command of the shell in which $APP, $JOB, ... are the paths."""
+        subprocess.run(["sh", "-ec", "IFS=; ARGS=$DATA/conf/jvm_args; " + command], check=True,
+                       env={**os.environ, **self.names, "MAC": MAC, "NEW": MAC / "new/2" / CONTENTS})
+
     def bundle(self, version, program="stays", team="A1B2C3D4E5"):
         """Builds the version, signed if there is a team, and returns the Orvane.app."""
-        app = self.mac / "new" / version / "Orvane.app"
+        app = MAC / "new" / version / "Orvane.app"
         delete(app)
-        contents, inner = app / "Contents", app.parent / CONTENTS
-        resources, name = inner / "Resources", "com.vaultory.orvane"
-        for directory in inner / "MacOS", inner / "Frameworks", resources / "conf":
+        inner = app.parent / CONTENTS
+        resources, macos = inner / "Resources", f"/Applications/{CONTENTS}/MacOS"
+        for directory in inner / "Frameworks", resources / "conf":
             directory.mkdir(parents=True)
-        for place, identifier in (contents, name), (inner, name + ".service"):
-            put(place / "Info.plist", plistlib.dumps({"CFBundleIdentifier": identifier,
-                                                      "CFBundleShortVersionString": version}))
+        for place, identifier in (app / "Contents", "com.vaultory.orvane"), (inner, "com.vaultory.service"):
+            put(place / "Info.plist", plistlib.dumps(
+                {"CFBundleIdentifier": identifier, "CFBundleShortVersionString": version}))
         put(inner / "MacOS/OrvaneService",
             f"#!/bin/sh\nexec perl -e '{PROGRAMS[program]}' version-{version}\n".encode(), 0o755)
         for script in "install", "check-install":
-            put(resources / "operator" / script, stand_in_text(script).encode(), 0o755)
+            put(resources / "operator" / script, script_text(script), 0o755)
         (resources / "operator/uninstall").symlink_to("install")
-        for label, home, arguments in (("com.vaultory.service.plist", "", []),
-                                       ("com.vaultory.service.agent.plist.in", "@HOME@", ["-Duser.install=1"])):
-            put(resources / "launchd" / label, plistlib.dumps({
-                "Label": re.sub(r"\.plist.*", "", label), "RunAtLoad": True, "KeepAlive": {"SuccessfulExit": False},
-                "ProgramArguments": [f"{home}/Applications/{CONTENTS}/MacOS/OrvaneService", *arguments],
-                "WorkingDirectory": f"{home}/Applications/{CONTENTS}/MacOS", "ThrottleInterval": 30,
-                "ExitTimeOut": 60, "StandardOutPath": f"{home}/Library/Logs/OrvaneService.log",
-                "StandardErrorPath": f"{home}/Library/Logs/OrvaneService.log"}))
+        for name, home in ("com.vaultory.service.plist", ""), ("com.vaultory.service.agent.plist.in", "@HOME@"):
+            put(resources / "launchd" / name, plistlib.dumps({
+                "Label": re.sub(r"\.plist.*", "", name), "ProgramArguments": [f"{home}{macos}/OrvaneService"],
+                "WorkingDirectory": home + macos, "StandardOutPath": f"{home}/Library/Logs/OrvaneService.log",
+                "RunAtLoad": True, "KeepAlive": {"SuccessfulExit": False}, "ThrottleInterval": 30,
+                "ExitTimeOut": 60}))
         put(resources / "jre/release", b'IMPLEMENTOR="x"\nJAVA_VERSION="17.0.9"\n')
-        put(resources / "lib/com.vaultory.desktop.jar", b"")
-        with zipfile.ZipFile(resources / "lib/com.vaultory.desktop.jar", "w") as jar:
-            jar.writestr("META-INF/MANIFEST.MF", f"Manifest-Version: 1.0\r\nImplementation-Version: {version}\r\n")
-        for place in (inner, contents) if team else ():
-            put(place / "_CodeSignature/CodeResources", f"{seal(place.parent)} {team}".encode())
+        put(resources / "lib/com.vaultory.desktop.jar", f"Implementation-Version: {version}\r\n".encode())
+        for place in (inner, app / "Contents") if team else ():
+            put(place / "_CodeSignature/CodeResources", team.encode())
         return app
 
     def script(self, app, name="install"):
-        return [str(pathlib.Path(app).parent / CONTENTS / "Resources/operator" / name),
-                *(["--user"] if self.uid else [])]
+        return [f"{app.parent}/{CONTENTS}/Resources/operator/{name}", *(["--user"] if self.uid else [])]
 
-    def start(self, command, env=None, **options):
-        user = {"user": self.uid, "group": self.uid, "extra_groups": []} if self.uid else {}
-        return subprocess.Popen(command, cwd="/", env={"HOME": self.home, "PATH": "/usr/bin:/bin", **(env or {})},
-                                stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                                **user, **options)
+    def start(self, command, env={}, **options):
+        options = {"env": {"HOME": self.home, "PATH": "/usr/bin:/bin", **env}, **self.user, **options}
+        return subprocess.Popen(command, cwd="/", stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                stderr=subprocess.STDOUT, **options)
 
     def call(self, app, *arguments, name="install", **options):
         """Runs a script of that bundle, by version or path: its status and text, paths shortened."""
-        app = self.mac / "new" / app / "Orvane.app" if "/" not in str(app) else app
+        app = MAC / "new" / app / "Orvane.app" if isinstance(app, str) else app
         with self.start([*self.script(app, name), *arguments], **options) as process:
             text = process.communicate(timeout=60)[0].decode(errors="surrogateescape")
-        for path, short in ((app, "SOURCE"), (self.app, "APP"), (self.job, "JOB"), (self.kept, "KEPT"),
-                            (self.data, "DATA"), (self.log, "LOG"), (self.target, "TARGET")):
-            text = text.replace(str(path), short)
-        return process.returncode, re.sub(r"process \d+", "process PID", text)
+        return process.returncode, self.short(text.replace(str(app), "SOURCE"))
 
     def install(self, version, program="stays", *arguments):
         self.bundle(version, program)
         return self.call(version, *arguments)
 
-    def launchctl(self, *arguments):
-        return subprocess.run([f"{MAC}/bin/launchctl", *arguments], capture_output=True, text=True)
+    def good(self, *versions):
+        """Installs these in turn; each runs."""
+        for version in versions:
+            assert self.install(version)[0] == 0
 
-    def pid(self):
-        found = re.search(r"^\tpid = (\d+)$", self.launchctl("print", self.target).stdout, re.M)
-        return found and found.group(1)
+    def short(self, text):
+        for name, path in self.names.items():
+            text = text.replace(str(path), name)
+        return re.sub(r"process \d+", "process PID", text)
 
-    def running(self):
-        """The version of the process that launchd knows, None without one."""
-        command = subprocess.run(["ps", "-o", "args=", "-p", self.pid() or "0"], capture_output=True, text=True)
-        found = re.search(r"version-(\S+)", command.stdout)
-        return found and found.group(1)
+    def loaded(self):
+        return self.model.jobs.get(self.target)
 
     def seen(self):
-        """What runs, is in place, is kept and is left over."""
+        """The version that runs, is in place, is kept, and what is left over."""
+        running = None
+        while not running and (job := self.loaded()) and (process := job.process):  # sh has no version
+            command = subprocess.run(["ps", "-o", "args=", "-p", str(process.pid)], stdout=subprocess.PIPE)
+            running = re.search(r"version-(\S+)|$", command.stdout.decode()).group(1)
         left = {path.name for path in self.kept.glob("*")} - {"lock", "former"}
-        return self.running(), version(self.app), version(self.kept / "former/Orvane.app"), left
+        return running, version(self.app), version(self.kept / "former/Orvane.app"), left
 
-    def notes(self):
-        return (self.mac / "notes").read_text().splitlines()
+    def wait(self, condition):
+        deadline = time.monotonic() + 60
+        while not condition(self.loaded()):
+            assert time.monotonic() < deadline
+            time.sleep(0.01)
+
+    def die(self):
+        """The version that "dies" does so, again and again."""
+        (MAC / "die").touch()
+        self.wait(lambda job: job.runs > 1)
+
+
+def script_text(script):
+    """A script of the product as the tests run it."""
+    text = (ROOT / "operator" / script).read_text()
+    text, paths = re.subn(r"(?m)^export PATH=(?=/usr/bin:/bin:/usr/sbin:/sbin$)", rf"\g<0>{MAC}/bin:", text)
+    text, waits = re.subn(r"(?m)^pause=1 steady=5 ", "pause=0.01 steady=3 ", text)
+    assert (paths, waits) == (1, "pause=" in text)
+    return text.replace("alarm 5;", "alarm 1;").encode()
 
 
 def version(app):
-    path = pathlib.Path(app).parent / CONTENTS / "Info.plist"
+    path = app.parent / CONTENTS / "Info.plist"
     return plistlib.loads(path.read_bytes())["CFBundleShortVersionString"] if path.exists() else None
 
 
