@@ -123,25 +123,6 @@ TEST_F(Lifecycle, A_vm_is_destroyed_without_detaching_while_an_error_unwinds) {
     EXPECT_EQ(runtime::calls(), (Strings{CREATED_BARE, DESTROYED}));
 }
 
-TEST_F(Lifecycle, A_detached_vm_is_destroyed_and_nothing_else) {
-    {
-        JVM jvm({}, "-cp");
-        jvm.detachCurrentThread();
-    }
-    EXPECT_EQ(runtime::calls(), (Strings{CREATED_BARE, "DetachCurrentThread() = 0", DESTROYED}));
-}
-
-TEST_F(Lifecycle, After_attaching_the_threads_own_env_is_used) {
-    JVM jvm({}, "-cp");
-    jvm.attachCurrentThread();
-    jvm.registerMethod(RUN);
-    EXPECT_EQ(runtime::calls(),
-              (Strings{CREATED_BARE, "AttachCurrentThread(null) = env#2",
-                       R"(env#2: FindClass("a/Runner") = class#1)",
-                       R"(env#2: GetStaticMethodID(class#1, "run", "([Ljava/lang/String;)V"))"
-                       " = method#1"}));
-}
-
 TEST_F(Lifecycle, A_thread_that_cannot_attach_or_detach_is_ignored_and_keeps_its_env) {
     runtime::reset({.attachStatus = JNI_ERR, .detachStatus = JNI_EDETACHED});
     JVM jvm({}, "-cp");
@@ -203,40 +184,6 @@ TEST_F(Registry, Methods_of_equal_text_share_an_identifier_which_calls_the_first
                        "env#2: DeleteLocalRef(array#1)", "DetachCurrentThread() = 0"}));
 }
 
-TEST_F(Registry, A_method_that_is_not_found_is_not_registered) {
-    runtime::reset({.missingMethod = "run"});
-    JVM jvm({}, "-cp");
-    EXPECT_EQ(errorOf([&] { jvm.registerMethod(RUN); }),
-              "Couldn't find method 'run' with proper signature of '([Ljava/lang/String;)V'");
-    EXPECT_EQ(errorOf([&] { jvm.callJMethod(RUN.getHash(), {}); }),
-              "Failed to find method. RegID: '" + std::to_string(RUN.getHash()) + "' with args:\n");
-}
-
-TEST_F(Registry, A_method_of_a_taken_identifier_can_still_be_missing) {
-    runtime::reset({.missingMethod = "d"});
-    JVM jvm({}, "-cp");
-    const std::uint64_t id = jvm.registerMethod({"a/B", "cd", "()V"});
-    EXPECT_EQ(id, (JMethod{"a/Bc", "d", "()V"}.getHash()));
-    EXPECT_EQ(errorOf([&] { jvm.registerMethod({"a/Bc", "d", "()V"}); }),
-              "Couldn't find method 'd' with proper signature of '()V'");
-    EXPECT_EQ(printed(), "");
-}
-
-TEST_F(Invocation, A_call_attaches_builds_the_array_calls_deletes_the_array_and_detaches) {
-    EXPECT_EQ(callsWith({"x", "y"}),
-              (Strings{"AttachCurrentThread(null) = env#2",
-                       R"(env#2: FindClass("java/lang/String") = class#2)",
-                       R"(env#2: NewStringUTF("") = string#1)",
-                       "env#2: NewObjectArray(2, class#2, string#1) = array#1",
-                       R"(env#2: NewStringUTF("x") = string#2)",
-                       "env#2: SetObjectArrayElement(array#1, 0, string#2)",
-                       R"(env#2: NewStringUTF("y") = string#3)",
-                       "env#2: SetObjectArrayElement(array#1, 1, string#3)",
-                       R"(env#2: CallStaticVoidMethod(class#1, method#1, array#1 ["x", "y"]))",
-                       "env#2: DeleteLocalRef(array#1)", "DetachCurrentThread() = 0"}));
-    EXPECT_EQ(printed(), "");
-}
-
 TEST_F(Invocation, More_arguments_than_16_bits_can_count_are_passed) {
     const Strings calls = callsWith(Strings(70000, "a"));
     ASSERT_EQ(calls.size(), 140007U);
@@ -268,15 +215,6 @@ TEST_F(Invocation, An_identifier_in_a_message_has_no_separators_whatever_the_glo
     runtime::reset({.createStatus = -1234567});
     EXPECT_EQ(errorOf([] { const JVM jvm({}, "-cp"); }), "Error creating JVM: -1234567");
     std::locale::global(before);
-}
-
-TEST_F(Invocation, An_error_out_of_the_method_leaves_the_array_deleted_and_the_thread_attached) {
-    runtime::reset({.error = "runtime_error CallStaticVoidMethod"});
-    EXPECT_EQ(errorOf([] { callsWith({}); }), "a runtime error");
-    const Strings& calls = runtime::calls();
-    EXPECT_EQ(Strings(calls.end() - 3, calls.end()),
-              (Strings{"env#2: CallStaticVoidMethod(class#1, method#1, array#1 [])",
-                       "env#2: DeleteLocalRef(array#1)", DESTROYED}));
 }
 
 }  // namespace
