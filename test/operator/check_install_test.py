@@ -165,18 +165,14 @@ def test_a_service_that_crashes_at_each_start_is_reported(machine):
 
 
 @pytest.mark.parametrize("machine", ["user"], indirect=True)
-def test_a_user_s_installation_is_checked_with_that_user_s_rights(installed):
+def test_state_is_said_and_a_user_s_installation_is_checked_with_that_user_s_rights(installed):
     installed.stand_in("codesign", f"id -u >>{MAC}/ids")
-    assert check(installed) == (0, VERSIONS + "State: runs, process PID.\nNo deviation found.\n", "")
-    installed.model.faults["logged out"] = 1
-    assert check(installed) == (0, VERSIONS + "State: not logged in.\nNo deviation found.\n", "")
-    assert {*(MAC / "ids").read_text().split()} == {str(ALICE.pw_uid)}
-
-
-def test_versions_and_state_are_said(installed):
     assert check(installed) == (0, VERSIONS + "State: runs, process PID.\nNo deviation found.\n", "")
     installed.install("1", "exits")
     assert check(installed) == (0, VERSIONS + "State: exited with 0.\nNo deviation found.\n", "")
+    installed.model.faults["logged out"] = 1
+    assert check(installed) == (0, VERSIONS + "State: not logged in.\nNo deviation found.\n", "")
+    assert {*(MAC / "ids").read_text().split()} == {str(ALICE.pw_uid)}
 
 
 def test_json_is_valid_whatever_the_names_are(installed):
