@@ -111,7 +111,7 @@ CORRECT = [  # likewise
     (0, "true"),
     (1, "rm $ARGS"),
     (1, "touch $LOG.0.bz2"),
-    (1, "chmod 775 $APP/.."), (1, lambda m: os.chown(m.app.parent, 0, 80)),  # administrators may write
+    (1, "chmod 775 $APP/..; chgrp 80 $APP/.. || chmod 755 $APP/.."),  # not in a namespace of one group
     (1, "perl -pi -e 's/<dict>/<!-- x --> <dict >/' $JOB"),
     (1, lambda m: crash(m, 15)),  # ended once by hand, and restarted
     (1, lambda m: m.model.disabled.add(m.target + "2")),

@@ -100,7 +100,8 @@ def test_a_version_that_is_installed_again_displaces_none(machine):
 def test_another_s_process_of_the_same_name_is_not_waited_for(machine, users):
     machine.good("1")
     program = str(machine.service / "Contents/MacOS/OrvaneService")
-    with Process([program, "99"], executable="/bin/sleep", user=ALICE.pw_uid, start_new_session=True) as other:
+    with Process([program, "99"], executable="/bin/sleep", user=ALICE.pw_uid,
+                 start_new_session=True) as other:
         machine.good("2")
         assert machine.call("2", name="uninstall")[0] == 0
         assert other.poll() is None

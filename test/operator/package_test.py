@@ -15,8 +15,8 @@ INSTALL = f"{STAGE}/{CONTENTS}/Resources/operator/install"
 def stage(root):
     if LINUX:
         root.directory(PARENT + "/another's")
-        for directory in "/Library", PARENT:  # as on a Mac
-            os.chown(directory, 0, 0)
+        os.chown("/Library", 0, 0)  # as on a Mac
+        os.chown(PARENT, 0, 0)
     for tool in "find", "rm":
         root.put(f"/tmp/orvane/{tool}", b"#!/bin/sh\necho the caller's $0\n", 0o755)
     return root.path(STAGE)
@@ -55,9 +55,9 @@ def test_another_volume_is_rejected(root, stage):
 def test_nothing_is_put_where_others_may_write(root, stage, directory):
     if not LINUX:
         impossible("a Mac needs these directories as they are")
-    for change in (lambda: os.chmod(directory, 0o775), lambda: os.chmod(directory, 0o757),
-                   lambda: os.chown(directory, 1, -1), lambda: [os.rename(directory, directory + ".real"),
-                                                            os.symlink(directory + ".real", directory)]):
+    real = directory + ".real"
+    for change in (lambda: os.chmod(directory, 0o775), lambda: os.chmod(directory, 0o757), lambda: os.chown(
+            directory, 1, -1), lambda: [os.rename(directory, real), os.symlink(real, directory)]):
         try:
             change()
         except OSError:  # a namespace with one user, or /Library is a mount
@@ -66,7 +66,7 @@ def test_nothing_is_put_where_others_may_write(root, stage, directory):
                                          "write; chown root, chmod go-w\n")
         if os.path.islink(directory):
             os.unlink(directory)
-            os.rename(directory + ".real", directory)
+            os.rename(real, directory)
         os.chmod(directory, 0o755)
         os.chown(directory, 0, -1)
     assert call("preinstall") == (0, "")
