@@ -50,7 +50,7 @@ STAND_INS = {
     "unzip": 'cat "$2"',
     "chmod": f'[ $1 != -RN ] || exec echo $2 >>{MAC}/lists; exec /bin/chmod "$@"',
     "ls": r"""shift; /bin/ls -ldn "$@" | awk -v acl="ACL" '{ print; print " 0: group:everyone deny delete" }
-        acl != "" && substr($0, length($0) - length(acl)) == " " acl { print " 1: user:bob allow write" }' """,
+        acl && substr($0, length($0) - length(acl)) == " " acl { print " 1: user:bob allow write" }' """,
     "xattr": f'echo "xattr $1" >>{MAC}/calls; [ $1 = -rd ] || [ -e {MAC}/quarantine ]',
     "pkgutil": f'[ -e {MAC}/receipts/$2 ] || exit 1; [ $1 != --forget ] || rm {MAC}/receipts/$2',
     "codesign": f"""echo "codesign $1" >>{MAC}/calls
@@ -60,7 +60,7 @@ STAND_INS = {
         [ -e "$seal" ] || fail "code object is not signed at all"
         [ -z "$(find "$path" -newer "$seal")" ] || fail "a sealed resource is missing or invalid
 file added: x"
-        case $*: in *OU*\"$(cat "$seal")\"*) ;; *OU*) fail "test-requirement: code failed to satisfy" ;; esac""",
+        case $* in *\"$(cat "$seal")\"*) ;; *OU*) fail "test-requirement: code failed to satisfy";; esac""",
 }
 # Does something before or after a call's rename of that number.
 RENAMES = f"""case "$*" in *rename*) ;; *) exec /usr/bin/perl "$@" ;; esac
@@ -97,7 +97,7 @@ class Job:
         code = None
         while code != 0:
             with self.model.lock:
-                if self.removed:
+                if self.removed or self.model.ended:
                     return
                 try:
                     self.spawn()
@@ -135,7 +135,7 @@ class Model(socketserver.ThreadingUnixStreamServer):
     def __init__(self):
         super().__init__(f"{MAC}/socket", None)
         os.chmod(f"{MAC}/socket", 0o777)
-        self.lock, self.two_at_once, self.processes = threading.RLock(), False, []
+        self.lock, self.two_at_once, self.ended, self.processes = threading.RLock(), False, False, []
         self.jobs, self.refused, self.disabled, self.faults = {}, {}, set(), {}
         threading.Thread(target=self.serve_forever, args=[.01], daemon=True).start()
 
@@ -153,8 +153,7 @@ class Model(socketserver.ThreadingUnixStreamServer):
         self.shutdown()
         self.server_close()
         with self.lock:
-            for job in self.jobs.values():
-                job.removed = True
+            self.ended = True
             for process in self.processes:
                 process.kill()
                 process.wait()
@@ -179,7 +178,7 @@ class Model(socketserver.ThreadingUnixStreamServer):
     def print_disabled(self, uid, domain):
         rows = [f'\t\t"{target.split("/")[-1]}" => {self.faults.get("disabled", "disabled")}\n'
                 for target in self.disabled if target.rpartition("/")[0] == domain]
-        return 0, '\n\tdisabled services = {\n\t\t"com.vaultory.servic" => true\n' + "".join(rows) + "\t}\n", ""
+        return 0, '\n\tdisabled services = {\n\t\t"com.vaultory.servic" => true\n' + "".join(rows), ""
 
     def bootout(self, uid, target):
         job = self.jobs.get(target)
@@ -205,7 +204,7 @@ class Model(socketserver.ThreadingUnixStreamServer):
         try:
             keys = plistlib.loads(text if arguments[-1] == "-" else pathlib.Path(arguments[-1]).read_bytes())
         except Exception as error:
-            return 1, "", f"{arguments[-1]}: {error}\n"
+            return 1, "", f"{error}\n"
         return (0, plistlib.dumps(keys).decode(), "") if arguments[0] == "-convert" else OK
 
 
@@ -282,9 +281,9 @@ class Machine:
         for script in "install", "check-install":
             put(resources / "operator" / script, script_text(script), 0o755)
         (resources / "operator/uninstall").symlink_to("install")
-        for name, home in ("com.vaultory.service.plist", ""), ("com.vaultory.service.agent.plist.in", "@HOME@"):
-            put(resources / "launchd" / name, plistlib.dumps({
-                "Label": re.sub(r"\.plist.*", "", name), "ProgramArguments": [f"{home}{macos}/OrvaneService"],
+        for label, suffix, home in ("service", "", ""), ("service.agent", ".in", "@HOME@"):
+            put(resources / f"launchd/com.vaultory.{label}.plist{suffix}", plistlib.dumps({
+                "Label": f"com.vaultory.{label}", "ProgramArguments": [f"{home}{macos}/OrvaneService"],
                 "WorkingDirectory": home + macos, "StandardOutPath": f"{home}/Library/Logs/OrvaneService.log",
                 "RunAtLoad": True, "KeepAlive": {"SuccessfulExit": False}, "ThrottleInterval": 30,
                 "ExitTimeOut": 60}))
@@ -330,7 +329,8 @@ class Machine:
         """The version that runs, is in place, is kept, and what is left over."""
         running = None
         while not running and (job := self.loaded()) and (process := job.process):  # sh has no version
-            command = subprocess.run(["ps", "-o", "args=", "-p", str(process.pid)], stdout=subprocess.PIPE)
+            command = subprocess.run(["ps", "-ww", "-o", "args=", "-p", str(process.pid)],
+                                     stdout=subprocess.PIPE)
             running = re.search(r"version-(\S+)|$", command.stdout.decode()).group(1)
         left = {path.name for path in self.kept.glob("*")} - {"lock", "former"}
         return running, version(self.app), version(self.kept / "former/Orvane.app"), left
