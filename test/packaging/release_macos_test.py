@@ -1,7 +1,6 @@
-"""script/release-macos over a made-up bundle, with stand-ins for the Mac's tools (mac_tools.py)."""
+"""script/release-macos over a made-up bundle, with stand-ins for the Mac's tools (mac_tools.sh)."""
 
 import io
-import json
 import os
 import pathlib
 import plistlib
@@ -12,6 +11,7 @@ import subprocess
 import sys
 import time
 import uuid
+import xml.etree.ElementTree
 import zipfile
 
 import pytest
@@ -21,6 +21,7 @@ SCRIPT = ROOT / "script/release-macos"
 TOOLS = "codesign ditto hdiutil install_name_tool pkgbuild pkgutil productbuild sleep spctl xcrun".split()
 SERVICE = "Contents/Library/LaunchServices/OrvaneService.app"
 RESOURCES = SERVICE + "/Contents/Resources"
+FRAMEWORKS = SERVICE + "/Contents/Frameworks"
 LAUNCHER = SERVICE + "/Contents/MacOS/OrvaneService"
 LIBJVM = RESOURCES + "/jre/lib/server/libjvm.dylib"
 ARM64, X86_64, PROGRAM, LIBRARY = 0x0100000C, 0x01000007, 2, 6
@@ -53,20 +54,18 @@ class Release:
         self.path = f"{self.tools}:{os.path.dirname(sys.executable)}:/usr/bin:/bin"
         self.tools.mkdir()
         for name in TOOLS:
-            (self.tools / name).symlink_to(pathlib.Path(__file__).with_name("mac_tools.py"))
+            (self.tools / name).symlink_to(pathlib.Path(__file__).with_name("mac_tools.sh"))
         info = {"CFBundleShortVersionString": "2.1.0", "CFBundleIdentifier": "com.example.backup"}
         for name, content in {
                 "Contents/Info.plist": plistlib.dumps(info),
                 SERVICE + "/Contents/Info.plist": plistlib.dumps({"LSMinimumSystemVersion": "11.0"}),
                 LAUNCHER: BOTH,
-                SERVICE + "/Contents/Frameworks/libnative.dylib": macho(LIBRARY, X86_64, ARM64),
+                FRAMEWORKS + "/libnative.dylib": macho(LIBRARY, X86_64, ARM64),
+                FRAMEWORKS + "/A.framework/Info.plist": b"",
                 RESOURCES + "/bin/helper": macho(PROGRAM, ARM64),
                 RESOURCES + "/bin/script": b"#!/bin/sh\n",
                 RESOURCES + "/lang/Texts.class": JAVA_CLASS,
                 RESOURCES + "/jre/bin/java": macho(PROGRAM, ARM64),
-                RESOURCES + "/jre/lib/jspawnhelper": macho(PROGRAM, ARM64),
-                RESOURCES + "/jre/lib/libjava.dylib": macho(LIBRARY, ARM64),
-                RESOURCES + "/jre/lib/modules": bytes.fromhex("dadafeca"),
                 LIBJVM: macho(LIBRARY, ARM64)}.items():
             self.put(name, content)
         (self.app / RESOURCES / "jre/lib/libjvm.dylib").symlink_to("server/libjvm.dylib")
@@ -78,21 +77,21 @@ class Release:
         file.chmod(0o755 if content[12:13] == b"\2" or content[:1] == b"#" or content == BOTH else 0o644)
 
     def start(self, *arguments, umask=0o022, app=None, **environment):
-        self.calls.unlink() if self.calls.exists() else None
+        self.calls.write_text("")
         return subprocess.Popen(
             [SCRIPT, *arguments, app or self.app], umask=umask, text=True, stdin=subprocess.DEVNULL,
             env={"PATH": self.path, "CALLS": str(self.calls), **environment},
             stdout=subprocess.PIPE, stderr=subprocess.PIPE,
             preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL))  # a background job ignores it
 
-    def run(self, *arguments, **how):
+    def run(self, *arguments, **options):
         """(status, standard output, standard error without the times)"""
-        with self.start(*arguments, **how) as process:
+        with self.start(*arguments, **options) as process:
             output, errors = process.communicate(timeout=60)
         return process.returncode, output, re.sub(r"^    \d+ s\n", "", errors, flags=re.MULTILINE)
 
     def called(self):
-        return self.calls.read_text() if self.calls.exists() else ""
+        return self.calls.read_text().splitlines()
 
     def made(self):
         return sorted(path.name for path in self.dist.iterdir())
@@ -109,8 +108,6 @@ COPY/LAUNCHER
 install_name_tool -rpath ../Resources/jre/lib/jli @executable_path/../Resources/jre/lib/jli COPY/LAUNCHER
 SIGN COPY/RESOURCES/jre/lib/server/libjvm.dylib
 SIGN --entitlements BUNDLE/java.entitlements COPY/RESOURCES/jre/bin/java
-SIGN COPY/RESOURCES/jre/lib/jspawnhelper
-SIGN COPY/RESOURCES/jre/lib/libjava.dylib
 SIGN COPY/RESOURCES/bin/helper
 SIGN COPY/SERVICE/Contents/Frameworks/libnative.dylib
 SIGN --entitlements BUNDLE/OrvaneService.entitlements COPY/SERVICE
@@ -120,17 +117,15 @@ codesign --verify --deep --strict --verbose=2 COPY
 hdiutil create -ov -volname Orvane -fs APFS -srcfolder WORK/root WORK/NAME.dmg
 codesign --force --sign 'Developer ID Application: A B' --timestamp WORK/NAME.dmg
 pkgbuild --root WORK/root --component-plist BUNDLE/component.plist --scripts WORK/scripts \
---identifier com.example.backup --version 2.1.0 \
---install-location '/Library/Application Support/Orvane.installing' --ownership recommended WORK/component.pkg
+--identifier com.example.backup --version 2.1.0 --ownership recommended \
+--install-location '/Library/Application Support/Orvane.installing' WORK/component.pkg
 cat >WORK/distribution.xml <<'END'
 <?xml version="1.0" encoding="utf-8"?>
 <installer-gui-script minSpecVersion="2">
     <title>Orvane</title>
     <options customize="never" require-scripts="false" hostArchitectures="arm64"/>
     <domains enable_anywhere="false" enable_currentUserHome="false" enable_localSystem="true"/>
-    <volume-check>
-        <allowed-os-versions><os-version min="11.0"/></allowed-os-versions>
-    </volume-check>
+    <volume-check><allowed-os-versions><os-version min="11.0"/></allowed-os-versions></volume-check>
     <choices-outline><line choice="default"/></choices-outline>
     <choice id="default" title="Orvane"><pkg-ref id="com.example.backup"/></choice>
     <pkg-ref id="com.example.backup" version="2.1.0" onConclusion="none">component.pkg</pkg-ref>
@@ -170,11 +165,11 @@ def release(tmp_path):
 def test_a_dry_run_prints_the_commands_that_a_release_executes(release):
     assert release.run("--dry-run", *DEVELOPER) == (
         0, release.prints["commands"], f"Would make {NAME}.dmg and {NAME}.pkg in {release.dist}\n")
-    assert (release.made(), release.called()) == (["Orvane.app"], "")
+    assert (release.made(), release.called()) == (["Orvane.app"], [])
     answer = '{"id": "12-ab", "status": "Accepted", "message": "Processing complete"}\n'
     assert release.run(*DEVELOPER) == (
         0, release.prints["executed"], f"{answer * 2}Made {NAME}.dmg and {NAME}.pkg in {release.dist}\n")
-    assert release.called().splitlines() == CALLS
+    assert release.called() == CALLS
     assert release.made() == [NAME + ".dmg", NAME + ".pkg", "Orvane.app"]
 
 
@@ -183,21 +178,21 @@ def test_modes_are_right_whatever_the_umask_and_the_bundle_s_modes(release):
     (release.app / LAUNCHER).chmod(0o4710)
     (release.app / RESOURCES).chmod(0o700)
     assert release.run("--sign", "-", umask=0o077)[0] == 0
-    image = json.loads((release.dist / (NAME + ".dmg")).read_text())
-    package = json.loads((release.dist / (NAME + ".pkg")).read_text())
-    plain = {name for name, mode in image.items() if mode == "0o644"}
+    image = (release.dist / (NAME + ".dmg")).read_text()
+    modes = {name: mode for mode, name in map(str.split, image.splitlines())}
+    plain = {name for name, mode in modes.items() if mode == "-rw-r--r--"}
     assert {os.path.basename(name) for name in plain} == {
-        "Info.plist", "Texts.class", "libjava.dylib", "libjvm.dylib", "libnative.dylib", "modules"}
-    assert {mode for name, mode in image.items() if name not in plain} == {"0o755"} and "." in image
-    assert package["payload"] == image
-    assert package["scripts"] == {".": "0o755", "postinstall": "0o755", "preinstall": "0o755"}
+        "Info.plist", "Texts.class", "libjvm.dylib", "libnative.dylib"}
+    assert {mode for name, mode in modes.items() if name not in plain} == {"drwxr-xr-x", "-rwxr-xr-x"}
+    scripts = "drwxr-xr-x .\n-rwxr-xr-x ./postinstall\n-rwxr-xr-x ./preinstall\n"
+    assert (release.dist / (NAME + ".pkg")).read_text().endswith(f"payload\n{image}scripts\n{scripts}")
 
 
 def test_signed_for_this_machine_each_program_accepts_any_library(release):
     expected = release.prints["executed"].replace(" --sign 'Developer ID Installer: A B' --timestamp", "")
     expected = expected.replace("'Developer ID Application: A B' --timestamp", "- --timestamp=none")
     expected = re.sub(r"xcrun .*?(?=mv )", "", expected, flags=re.DOTALL)
-    expected = re.sub(r"runtime( --entitlements \S+)? (\S+/(java|jspawnhelper|helper)\n)",
+    expected = re.sub(r"runtime( --entitlements \S+)? (\S+/(java|helper)\n)",
                       rf"runtime --entitlements {ROOT}/bundle/OrvaneService.entitlements \2", expected)
     assert release.run("--sign", "-") == (
         0, expected, f"Made {NAME}.dmg and {NAME}.pkg in {release.dist}, not notarized: "
@@ -206,14 +201,12 @@ def test_signed_for_this_machine_each_program_accepts_any_library(release):
 
 def test_a_step_that_fails_ends_the_release_with_its_status_and_leaves_nothing(release):
     (release.dist / (NAME + ".pkg")).write_text("a former release")
-    for number, line in enumerate(CALLS):
+    for line in {tuple(line.split()[:2]): line for line in reversed(CALLS)}.values():  # one of each kind
         tool, what = line.split()[:2]
-        if (tool, what) == ("codesign", "--force") and line != CALLS[4] and ".dmg" not in line:
-            continue  # one of the bundle's files is enough
         tries = {"create": 5, "stapler": 6}.get(what, 1)
         status, _, errors = release.run(*DEVELOPER, FAIL=line)
-        called = [call for call in release.called().splitlines() if call != "sleep 20"]
-        assert (status, called) == (7, CALLS[:number] + [line] * tries)
+        called = [call for call in release.called() if call != "sleep 20"]
+        assert (status, called) == (7, CALLS[:CALLS.index(line)] + [line] * tries)
         assert errors.endswith(f"release-macos: {tool} failed with status 7; nothing was released\n")
         assert release.made() == [NAME + ".pkg", "Orvane.app"]
     assert (release.dist / (NAME + ".pkg")).read_text() == "a former release"
@@ -224,7 +217,7 @@ def test_what_fails_for_a_while_is_repeated(release, tool):
     line = next(line for line in CALLS if line.startswith(tool))
     status, _, errors = release.run(*DEVELOPER, FAIL=line, FAIL_TIMES="2")
     at = CALLS.index(line)
-    assert release.called().splitlines() == CALLS[:at] + [line, "sleep 20"] * 2 + CALLS[at:]
+    assert release.called() == CALLS[:at] + [line, "sleep 20"] * 2 + CALLS[at:]
     assert (status, errors.count("    status 7; again in 20 s\n")) == (0, 2)
 
 
@@ -236,7 +229,7 @@ def test_any_other_answer_of_the_notary_service_than_acceptance_ends_the_release
     status, output, errors = release.run(*DEVELOPER, ANSWER=answer)
     expected = ["xcrun notarytool log 12-ab --keychain-profile 'a profile'"] * asked
     submitted = next(number for number, line in enumerate(CALLS) if "notarytool submit" in line)
-    assert release.called().splitlines() == CALLS[:submitted + 1] + expected
+    assert release.called() == CALLS[:submitted + 1] + expected
     assert (status, output.endswith("the reasons of 12-ab\n"), release.made()) == (1, asked, ["Orvane.app"])
     assert errors == answer + (f"\nrelease-macos: the notary service did not accept {NAME}.dmg, see above; "
                                "nothing was released\n")
@@ -270,10 +263,13 @@ def test_name_and_version_and_oldest_system_are_the_bundle_s(release):
         {"CFBundleShortVersionString": "3.0-rc.1+7", "CFBundleIdentifier": 'com."<&>'}))
     release.put(SERVICE + "/Contents/Info.plist", plistlib.dumps({"LSMinimumSystemVersion": "13.5"}))
     other = release.app.rename(release.dist / "Other name.app")
-    assert release.run("--sign", "-", app=other)[0] == 0  # productbuild's stand-in has parsed all of it
-    made = json.loads((release.dist / "Orvane-3.0-rc.1+7-arm64.pkg").read_text())
-    assert (made["id"], made["version"], "Orvane.app" in made["payload"]) == ('com."<&>', "3.0-rc.1+7", True)
-    assert '<os-version min="13.5"/>' in release.run("--dry-run", "--sign", "-", app=other)[1]
+    assert release.run("--sign", "-", app=other)[0] == 0
+    package, content = (release.dist / "Orvane-3.0-rc.1+7-arm64.pkg").read_text().split("payload\n")
+    distribution = xml.etree.ElementTree.fromstring(package.encode())
+    assert [found.attrib for found in distribution.iter("pkg-ref")] == [
+        {"id": 'com."<&>'}, {"id": 'com."<&>', "version": "3.0-rc.1+7", "onConclusion": "none"}]
+    assert distribution.find(".//os-version").get("min") == "13.5"
+    assert "drwxr-xr-x ./Orvane.app\n" in content
 
 
 def test_run_paths_that_are_relative_to_the_executable_already_are_left(release):
@@ -304,12 +300,12 @@ def test_native_code_inside_jars_is_named_before_anything_is_signed(release):
             for name, content in entries.items():
                 archive.writestr(name, content)
         entries = {"lib/nested.jar": nested.getvalue(), "mac/libnative.dylib": entries["mac/libnative.dylib"]}
-    assert release.run("--dry-run", *DEVELOPER) == (
-        1, "", "release-macos: the notary service would reject native code inside jars; take it out of them, "
-        "give it to script/bundle --frameworks, and build again: "
-        f"{jar}: lib/nested.jar: mac/libnative.dylib, {jar}: lib/nested.jar: mac/universal, "
-        f"{jar}: mac/libnative.dylib\n")
-    assert release.run("--dry-run", "--sign", "-")[0] == 0
+    message = ("the notary service would reject native code inside jars; take it out of them, give it to "
+               f"script/bundle --frameworks, and build again: {jar}: lib/nested.jar: mac/libnative.dylib, "
+               f"{jar}: lib/nested.jar: mac/universal, {jar}: mac/libnative.dylib\n")
+    assert release.run("--dry-run", *DEVELOPER) == (1, "", f"release-macos: {message}")
+    status, _, errors = release.run("--dry-run", "--sign", "-")
+    assert (status, errors.splitlines(True)[0]) == (0, f"release-macos: warning: {message}")
 
 
 LACKS = "name an Orvane.app that script/bundle has made; APP lacks "
@@ -319,18 +315,30 @@ PLATFORM = ("APP lacks launcher or runtime for macOS, or they have no processor 
 
 @pytest.mark.parametrize("name, content, message", [
     (LAUNCHER, b"\x7fELF", PLATFORM), (LAUNCHER, macho(PROGRAM, X86_64), PLATFORM), (LIBJVM, None, PLATFORM),
-    (LAUNCHER, None, PLATFORM), (LAUNCHER, BOTH[:30], PLATFORM),
+    (LAUNCHER, BOTH[:30], PLATFORM),
+    (FRAMEWORKS + "/a.txt", b"", "codesign would reject what is not code in Contents/Frameworks; leave it out of "
+     f"script/bundle --frameworks, and build again: APP/{FRAMEWORKS}/a.txt"),
+    (f"../{NAME}.partial/a", b"", f"DIST/{NAME}.partial is what a killed release left, unless one is running; "
+     "remove it"),
     ("Contents/Info.plist", None, LACKS + "APP/Contents/Info.plist"),
     (SERVICE + "/Contents/Info.plist", plistlib.dumps({}), LACKS + "'LSMinimumSystemVersion'"),
     ("Contents/Info.plist", plistlib.dumps({"CFBundleShortVersionString": "1/2", "CFBundleIdentifier": "a"}),
      "the version is '1/2'; it can have letters, digits and .+- only")])
 def test_a_bundle_that_cannot_be_released_is_rejected(release, name, content, message):
-    (release.app / name).unlink()
-    if content is not None:
+    if content is None:
+        (release.app / name).unlink()
+    else:
         release.put(name, content)
-    message = message.replace("APP", str(release.app))
+    before = release.made()
+    message = message.replace("APP", "DIST/Orvane.app").replace("DIST", str(release.dist))
     assert release.run(*DEVELOPER) == (1, "", f"release-macos: {message}\n")
-    assert release.made() == ["Orvane.app"]
+    assert release.made() == before
+
+
+def test_a_dry_run_whose_output_is_not_read_ends_quietly(release):
+    with release.start("--dry-run", *DEVELOPER) as process:
+        process.stdout.close()
+        assert (process.stderr.read(), process.wait()) == ("", -signal.SIGPIPE)
 
 
 def test_where_the_tools_are_not_nothing_is_made(release):
@@ -343,12 +351,17 @@ def test_where_the_tools_are_not_nothing_is_made(release):
     assert release.made() == ["Orvane.app"]
 
 
-@pytest.mark.parametrize("arguments", [[], ["--sign"], ["--hardened", "--sign", "-"], ["--sign", "-", "more"],
-                                       ["--sign", "A", "--notarize", "P"],
+@pytest.mark.parametrize("arguments", [["--sign", "-", "more"], ["--sign", "A", "--notarize", "P"],
                                        ["--sign", "-", "--sign-package", "B", "--notarize", "P"]])
 def test_a_wrong_call_prints_the_usage(release, arguments):
     status, output, errors = release.run(*arguments)
     assert (status, output, errors.startswith("usage: release-macos ")) == (2, "", True)
+
+
+def test_nothing_is_replaced_but_the_bundle_where_it_is():
+    assert plistlib.loads((ROOT / "bundle/component.plist").read_bytes()) == [{
+        "RootRelativeBundlePath": "Orvane.app", "BundleIsRelocatable": False,
+        "BundleIsVersionChecked": False, "BundleOverwriteAction": "upgrade"}]
 
 
 def test_the_entitlements_are_the_launcher_s_three_and_java_s_two_in_plain_text():
