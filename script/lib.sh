@@ -61,7 +61,7 @@ need_build_tools() {
         [ -n "${JAVA_HOME:-}" ] || /usr/libexec/java_home >/dev/null 2>&1 || die "no JDK: install one, 11 or later, and call again"
         command -v cmake >/dev/null || die "no cmake: install 3.25 or later and call again"
     else
-        need g++:g++ make:make cmake:cmake python3:python3
+        need g++:g++ make:make cmake:cmake python3:python3 objcopy:binutils
         [ -n "${JAVA_HOME:-}" ] || need jlink:default-jdk-headless
     fi
 }
