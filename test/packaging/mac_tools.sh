@@ -21,9 +21,7 @@ for word; do
 done
 printf '%s\n' "$line" >>"$CALLS"
 [ "$line" != "${HANG-}" ] || exec /bin/sleep 60 >/dev/null 2>&1 # does not keep a release's output open
-if [ "$line" = "${FAIL-}" ] && [ "$(grep -cxF -e "$line" "$CALLS")" -le "${FAIL_TIMES:-99}" ]; then
-    exit 7
-fi
+[ "$line" != "${FAIL-}" ] || [ "$(grep -cxF -e "$line" "$CALLS")" -gt "${FAIL_TIMES:-99}" ] || exit 7
 
 tree() { # DIRECTORY: a line for each file below it, of mode and name
     (cd "$1" && find . ! -type l -exec ls -ld {} + | awk '{ print substr($1, 1, 10), $NF }' | sort -k 2)
