@@ -8,14 +8,11 @@ set -eu
 line=${0##*/} last='' source='' root='' scripts='' list='' distribution=''
 for word; do
     case $last in
-    -srcfolder | --root) root=$word ;;
-    --scripts) scripts=$word ;;
-    --component-plist) list=$word ;;
-    --distribution) distribution=$word ;;
+    -srcfolder | --root) root=$word ;; --scripts) scripts=$word ;;
+    --component-plist) list=$word ;; --distribution) distribution=$word ;;
     --entitlements) test -f "$word" ;;
     esac
-    [ -z "$last" ] || source=$last
-    last=$word
+    source=$last; last=$word
     case $word in '' | *[!A-Za-z0-9_@%+=:,./-]*) word="'$word'" ;; esac # as shlex.quote
     line="$line $word"
 done
@@ -38,7 +35,7 @@ productbuild*)
     cat "$distribution" "${distribution%/*}/$component" >"$last" ;;
 "xcrun notarytool submit"*)
     test -f "$3"
-    echo "${ANSWER-"{\"id\": \"12-ab\", \"status\": \"Accepted\", \"message\": \"Processing complete\"}"}" ;;
+    echo "${ANSWER-"{\"id\": \"12-ab\", \"status\": \"Accepted\"}"}" ;;
 "xcrun notarytool log"*) echo "the reasons of $3" ;;
 sleep*) ;;
 *) test -e "$last" ;; # codesign, install_name_tool, stapler, spctl, pkgutil
