@@ -161,8 +161,8 @@ def test_a_dry_run_prints_the_commands_that_a_release_executes_and_repeats(relea
     assert (release.made(), release.called()) == (["Orvane.app"], [])
     at = next(number for number, line in enumerate(CALLS) if line.startswith("hdiutil"))
     answer = '{"id": "12-ab", "status": "Accepted"}\n'
-    assert release.run(*DEVELOPER, FAIL=CALLS[at], FAIL_TIMES="2") == (
-        0, EXECUTED, "    status 7; again in 20 s\n" * 2 + f"{answer * 2}Made {NAME}.dmg and {NAME}.pkg in DIST\n")
+    errors = "    status 7; again in 20 s\n" * 2 + answer * 2 + f"Made {NAME}.dmg and {NAME}.pkg in DIST\n"
+    assert release.run(*DEVELOPER, FAIL=CALLS[at], FAIL_TIMES="2") == (0, EXECUTED, errors)
     assert release.called() == CALLS[:at] + [CALLS[at], "sleep 20"] * 2 + CALLS[at:]
     assert release.made() == [NAME + ".dmg", NAME + ".pkg", "Orvane.app"]
     with release.start("--dry-run", *DEVELOPER) as process:
