@@ -26,6 +26,7 @@ EXECUTABLE = BUILD_DIR / "src/OrvaneService"
 MAIN = "com/vaultory/service/QRService.class"
 JAR = "com.vaultory.desktop.jar"
 MANIFEST = "META-INF/MANIFEST.MF"
+LAUNCHD = [f"Resources/launchd/com.vaultory.service{end}" for end in (".plist", ".agent.plist.in")]
 EPOCH = 1_700_000_000
 
 SOURCES = {
@@ -44,7 +45,7 @@ SOURCES = {
             if (!word.equals("stay")) return;
             new java.io.File("service.db").createNewFile();
             new ProcessBuilder("sleep", "987").start();
-            new java.io.File(System.getenv("TMPDIR"), "ready").createNewFile();
+            new java.io.File(System.getProperty("java.io.tmpdir"), "ready").createNewFile();
             Thread.sleep(600000);
         }}""",
     **{name: f'public class {name.split(".")[1]} {{'
@@ -52,6 +53,8 @@ SOURCES = {
        for name, text in (("below.Below", "below "), ("upper.Upper", "upper "),
                           ("vendor.Descriptor", "descriptor "), ("versioned.Versioned", "versioned"))},
     "javax.xml.transform.Shared": "public class Shared { }",
+    "agent.Agent": """public class Agent {
+        public static void premain(String text, java.lang.instrument.Instrumentation all) { } }""",
 }
 VERSIONED = """package versioned; public class Versioned {
     public static final String TEXT = new String("versioned");
@@ -125,13 +128,13 @@ def mine(tmp_path_factory, classes):
               "Class-Path: /usr/share/java/gone.jar lib/other.jar\r\nBuilt-By: J\xfcrgen\r\n")
     write_jar(mine / "lib/below/one.jar", pick("below/Below.class"))
     write_jar(mine / "lib/Upper.JAR", pick("upper/Upper.class"))
-    write_jar(mine / "lib/descriptor-1.0.jar", pick("vendor/Descriptor.class", "module-info.class"))
+    write_jar(mine / "lib/descriptor-1.0+5.jar", pick("vendor/Descriptor.class", "module-info.class"))
     versioned = "versioned/Versioned.class"
     write_jar(mine / "lib/versioned.jar", pick(versioned, "META-INF/versions/11/" + versioned),
               "Multi-Release: true\r\n")
     write_jar(mine / "lib/xml-apis.jar", pick("javax/xml/transform/Shared.class"))
     write_jar(mine / "broken.jar", {"a/Broken.class": b"\xca\xfe\xba\xbe\0\0\0\x99" + bytes(40)})
-    (mine / "lib/descriptor.jar").symlink_to("descriptor-1.0.jar")
+    (mine / "lib/descriptor.jar").symlink_to("descriptor-1.0+5.jar")
     (mine / "lib/README").write_text("not a jar")
     raw = bytearray((mine / "lib/xml-apis.jar").read_bytes().replace(b"Shared.class", b"Sh\xffred.class"))
     (mine / "lib/xml-apis.jar").write_bytes(raw)  # an entry's name is in no encoding that is known
@@ -179,7 +182,7 @@ def test_a_bundle_is_made_of_whatever_a_class_path_can_hold(mine, made):
 def test_the_jars_are_installed_as_they_are(mine, made):
     lib = made.dest / CONTENTS / "Resources/lib"
     installed = {file.relative_to(lib).as_posix(): file for file in lib.rglob("*") if file.is_file()}
-    names = ["service.jar", "Upper.JAR", "below/one.jar", "descriptor-1.0.jar", "versioned.jar",
+    names = ["service.jar", "Upper.JAR", "below/one.jar", "descriptor-1.0+5.jar", "versioned.jar",
              "xml-apis.jar", "broken.jar"]
     assert sorted(installed) == sorted([JAR, *names])
     for name in names:
@@ -201,8 +204,7 @@ def applications(tmp_path_factory, made):
         archive.extractall(directory)
     assert [member.name for member in members] == sorted(
         (member.name for member in members), key=lambda name: name.split("/"))
-    assert {(member.uid, member.gid, member.uname, member.gname) for member in members} == {
-        (0, 0, "root", "root")}
+    assert {(each.uid, each.gid, each.uname, each.gname) for each in members} == {(0, 0, "root", "root")}
     assert {oct(member.mode) for member in members} <= {"0o644", "0o755", "0o777"}
     assert max(member.mtime for member in members) <= EPOCH
     return directory
@@ -235,13 +237,12 @@ def run_copy(root, source, change=lambda resources: None):
     return loaded("/tmp/orvane/loaded", "com.vaultory[.]service[.]QRService")
 
 
-def replace_the_jar(resources):
-    with zipfile.ZipFile(resources / "lib/service.jar", "a") as archive:
-        archive.writestr("of-the-next-version", "")
-
-
 def remove_the_archive(resources):
     (resources / "jre/lib/server/classes.jsa").unlink()
+
+
+def replace_the_jar(resources):
+    (resources / "lib/service.jar").write_bytes((resources / "lib/service.jar").read_bytes())
 
 
 @pytest.mark.parametrize("change", [replace_the_jar, remove_the_archive])
@@ -266,8 +267,8 @@ def test_the_archive_of_a_bundle_made_elsewhere(root, tmp_path, made):
     # A service that only its own runtime fails, such as by a module that it misses.
     archive = (resources / "jre/lib/server/classes.jsa").read_bytes()
     run = call("--train", "Orvane.app", "--training-argument", "archived", cwd=tmp_path / "else where")
-    assert run.lines[-1] == "bundle: the run in the bundle's own runtime ended with an exception from main " \
-        "after N s, see above; give what it misses to --add-modules"
+    assert run.lines[-1] == "bundle: the last run ended with an exception from main " \
+        "after N s, see above; give what it lacks to --add-modules"
     assert (resources / "jre/lib/server/classes.jsa").read_bytes() == archive
 
 
@@ -281,7 +282,7 @@ ARGUMENT = "give --training-argument with which the service ends well, or --no-a
       "  | \tat com.vaultory.service.QRService.main(QRService.java:5)", "  | Service is complete."],
      f"training ended with an exception from main after N s, see above; {ARGUMENT}"),
     (["-x"], ["  | Launching as system", "  | Illegal argument encountered: '-x'."],
-     "--training-argument: the launcher does not start with these, see above; give others"),
+     "--training-argument: the launcher rejects these, see above; give others"),
     (["client", "--training-command", "exit 5"], None,  # whatever it has printed by then
      "training's client ended with status 5 after N s, see above; give another --training-command"),
 ], ids=lambda value: value[0] if value and isinstance(value, list) else "")
@@ -314,7 +315,26 @@ def test_VM_options_that_the_runtime_rejects_are_found_before_the_service_runs(t
         "--java-options: the linked runtime does not start: Error occurred during initialization of VM"]
 
 
-def test_an_interrupted_run_takes_the_service_with_it_and_leaves_nothing(tmp_path, mine):
+def test_an_agent_starts_from_its_jar_and_a_class_from_outside_the_bundle_is_named(tmp_path, classes):
+    outside = write_jar(tmp_path / "outside.jar", {"below/Below.class": classes["below/Below.class"]})
+    inside = {name: data for name, data in classes.items() if re.match("com|upper|vendor|versioned", name)}
+    service = write_jar(tmp_path / "service.jar", inside, f"Class-Path: {outside}\r\n")
+    agent = write_jar(tmp_path / "agent.jar", {"agent/Agent.class": classes["agent/Agent.class"]},
+                      "Premain-Class: agent.Agent\r\n")
+    run = bundle("--main-jar", service, "--input", agent, "--java-options",
+                 "-javaagent:../Resources/lib/agent.jar", cwd=tmp_path)
+    assert f"Not in the bundle, though classes come from there: {outside}" in run.lines
+    if JAVA < 25:  # the VM's own words, and what to do
+        assert "AllowArchivingWithJavaAgent" in run.lines[-3] + run.lines[-2], run
+        assert run.lines[-1] == \
+            "bundle: the VM makes no archive, see above; --no-archive makes the bundle without one"
+    else:
+        assert run.lines[-2:] == [
+            "Classes of the service in this run, from the archive (cache): 5 of 6", "Made dist/Orvane.app"]
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGHUP])
+def test_an_interrupted_run_takes_the_service_with_it_and_leaves_nothing(tmp_path, mine, number):
     command = [ROOT / "script/bundle", "--executable", EXECUTABLE, "--main-jar", mine / "service.jar",
                "--input", mine / "lib", "--training-argument", "stay"]
     with subprocess.Popen(command, cwd=tmp_path, stderr=subprocess.DEVNULL,
@@ -324,8 +344,8 @@ def test_an_interrupted_run_takes_the_service_with_it_and_leaves_nothing(tmp_pat
             assert script.poll() is None and time.monotonic() < deadline
             time.sleep(0.05)
         assert processes_below(tmp_path) != ""
-        script.send_signal(signal.SIGTERM)
-        assert script.wait(60) == 143
+        script.send_signal(number)
+        assert script.wait(60) == 128 + number
     assert (processes_below(tmp_path), list(tmp_path.iterdir())) == ("", [])
 
 
@@ -356,15 +376,26 @@ def test_every_bundle_is_made_of_what_is_there_now_in_the_place_of_the_former(tm
         [pathlib.Path("Resources/lib/service.jar")], [])
 
 
-@pytest.mark.parametrize("place", ["Contents", CONTENTS.partition("/")[2]])
-def test_a_signed_bundle_is_replaced_with_force_alone(tmp_path, mine, place):
-    app = tmp_path / "dist/Orvane.app"
-    (app / place / "_CodeSignature").mkdir(parents=True)
+def test_a_signed_bundle_is_replaced_with_force_alone(tmp_path, mine):
     arguments = ["--main-jar", mine / "service.jar", "--no-runtime"]
-    assert bundle(*arguments, cwd=tmp_path).lines == [
-        "bundle: --dest: 'dist/Orvane.app' is signed; add --force to replace it, or name another directory"]
-    assert bundle(*arguments, "--force", cwd=tmp_path).status == 0
-    assert not (app / place / "_CodeSignature").exists()
+    for place in "Contents", CONTENTS.partition("/")[2]:
+        signature = tmp_path / "dist/Orvane.app" / place / "_CodeSignature"
+        signature.mkdir(parents=True)
+        assert bundle(*arguments, cwd=tmp_path).lines == [
+            "bundle: --dest: 'dist/Orvane.app' is "
+            "signed; add --force to replace it, or name another directory"]
+        assert bundle(*arguments, "--force", cwd=tmp_path).status == 0 and not signature.exists()
+
+
+def test_a_signal_while_the_former_bundle_is_replaced_leaves_the_new_one(tmp_path, mine):
+    if not LINUX:
+        impossible("there is no strace")
+    (tmp_path / "dist/Orvane.app/former").mkdir(parents=True)
+    run = call("-qqq", "-e", "trace=rename", "-e", "inject=rename:signal=TERM:when=1", "-o", "trace",
+               ROOT / "script/bundle", "--executable", EXECUTABLE, "--main-jar", mine / "service.jar",
+               "--no-runtime", cwd=tmp_path, program="strace")
+    assert (run.status, os.listdir(tmp_path / "dist")) == (143, ["Orvane.app"])
+    assert os.listdir(tmp_path / "dist/Orvane.app") == ["Contents"]
 
 
 def test_two_makers_pack_the_same_bytes_of_the_sample(tmp_path):
@@ -376,82 +407,62 @@ def test_two_makers_pack_the_same_bytes_of_the_sample(tmp_path):
         assert run.status == 0, run
         tarballs.append((dest / f"Orvane-{VERSION}-{this_platform()}.tar.gz").read_bytes())
     assert tarballs[0] == tarballs[1]
-    assert listing(dest / "Orvane.app") == listing_of_the_sample()
+    assert listing(dest / "Orvane.app") == {mode: sorted(names) for mode, names in SAMPLE.items()}
     assert os.readlink(dest / CONTENTS / "Resources/operator/uninstall") == "install"
     with zipfile.ZipFile(dest / CONTENTS / "Resources/lib" / JAR) as jar:
         assert f"\r\nImplementation-Version: {VERSION}\r\n".encode() in jar.read(MANIFEST)
 
 
 def listing(app):
-    """The paths below, directories with a slash, and their permissions."""
-    return sorted(f"{path.relative_to(app)}{'/' * path.is_dir()} {stat.S_IMODE(path.lstat().st_mode):o}"
-                  for path in app.rglob("*"))
+    """{permissions: the paths below, directories with a slash}"""
+    found = {}
+    for path in sorted(path for path in app.rglob("*") if not path.is_symlink()):
+        name = f"{path.relative_to(app)}{'/' * path.is_dir()}".replace(CONTENTS.partition("/")[2], "...")
+        found.setdefault(f"{stat.S_IMODE(path.lstat().st_mode):o}", []).append(name)
+    return {mode: sorted(names) for mode, names in found.items()}
 
 
-def listing_of_the_sample():
-    inner = pathlib.PurePosixPath(CONTENTS.partition("/")[2])
-    directories = [*inner.parents[:-1], inner, *(inner / name for name in (
-        "Frameworks", "MacOS", "Resources", "Resources/bin", "Resources/conf", "Resources/lang",
-        "Resources/launchd", "Resources/lib", "Resources/man", "Resources/man/man8", "Resources/operator"))]
-    files = ["Contents/Info.plist", *(inner / name for name in (
-        "Info.plist", "Resources/conf/service.log.xml", "Resources/lang/messages.properties",
-        "Resources/launchd/com.vaultory.service.agent.plist.in",
-        "Resources/launchd/com.vaultory.service.plist", f"Resources/lib/{JAR}",
-        "Resources/man/man8/OrvaneService.8"))]
-    programs = [inner / name for name in ("MacOS/OrvaneService", "Resources/bin/service-version",
-                                          "Resources/operator/install", "Resources/operator/check-install")]
-    link = f"{inner}/Resources/operator/uninstall {777 if LINUX else 755}"
-    return sorted([*(f"{name}/ 755" for name in directories), *(f"{name} 755" for name in programs),
-                   *(f"{name} 644" for name in files), link])
+SAMPLE = {
+    "644": ["Contents/Info.plist", ".../Info.plist", *(f".../Resources/{name}" for name in (
+        "conf/service.log.xml", "lang/messages.properties", "launchd/com.vaultory.service.agent.plist.in",
+        "launchd/com.vaultory.service.plist", f"lib/{JAR}", "man/man8/OrvaneService.8"))],
+    "755": ["Contents/", "Contents/Library/", "Contents/Library/LaunchServices/",
+            "Contents/Library/LaunchServices/OrvaneService.app/", ".../", ".../Frameworks/", ".../MacOS/",
+            ".../MacOS/OrvaneService", ".../Resources/", *(f".../Resources/{name}" for name in (
+                "bin/", "conf/", "lang/", "launchd/", "lib/", "man/", "man/man8/", "operator/",
+                "bin/service-version", "operator/check-install", "operator/install"))]}
 
 
 def property_lists(dest):
-    contents = dest / CONTENTS
-    jobs = contents / "Resources/launchd"
-    return [plistlib.loads(path.read_bytes()) for path in (
-        dest / "Orvane.app/Contents/Info.plist", contents / "Info.plist", jobs / "com.vaultory.service.plist",
-        jobs / "com.vaultory.service.agent.plist.in")]
+    files = [dest / "Orvane.app/Contents/Info.plist", *(dest / CONTENTS / name for name in ("Info.plist", *LAUNCHD))]
+    for text in [file.read_text() for file in files]:
+        assert len(re.findall("<key>", text)) == len(set(re.findall("<key>(.*)</key>", text)))
+    return [plistlib.loads(file.read_bytes()) for file in files]
 
 
 def test_the_property_lists_name_the_product_and_each_key_once(tmp_path, mine):
     assert bundle("--main-jar", mine / "service.jar", "--no-runtime", "--app-version", "2.13", "--copyright",
                   "© A & B <C>", "--mac-package-identifier", "com.a-b.backup", cwd=tmp_path).status == 0
     common = {
-        "CFBundleDevelopmentRegion": "en",
-        "CFBundleInfoDictionaryVersion": "6.0",
-        "CFBundlePackageType": "APPL",
-        "CFBundleShortVersionString": "2.13",
-        "CFBundleSupportedPlatforms": ["MacOSX"],
-        "CFBundleVersion": "2.13",
-        "LSMinimumSystemVersion": "11.0",
-        "NSHumanReadableCopyright": "© A & B <C>",
-    }
-
-    def job(label, home, *arguments):
-        directory = f"{home}/Applications/{CONTENTS}/MacOS"
-        return {
-            "AssociatedBundleIdentifiers": "com.a-b.backup",
-            "Label": label,
-            "ProgramArguments": [directory + "/OrvaneService", *arguments],
-            "WorkingDirectory": directory,
-            "RunAtLoad": True,
-            "KeepAlive": {"SuccessfulExit": False},
-            "ThrottleInterval": 30,
-            "ExitTimeOut": 60,
-            "ProcessType": "Standard",
-            "StandardOutPath": home + "/Library/Logs/OrvaneService.log",
-            "StandardErrorPath": home + "/Library/Logs/OrvaneService.log",
-        }
+        "CFBundleDevelopmentRegion": "en", "CFBundleInfoDictionaryVersion": "6.0",
+        "CFBundlePackageType": "APPL", "CFBundleShortVersionString": "2.13", "CFBundleVersion": "2.13",
+        "CFBundleSupportedPlatforms": ["MacOSX"], "LSMinimumSystemVersion": "11.0",
+        "NSHumanReadableCopyright": "© A & B <C>"}
+    job, directory = {
+        "AssociatedBundleIdentifiers": "com.a-b.backup", "RunAtLoad": True,
+        "KeepAlive": {"SuccessfulExit": False}, "ThrottleInterval": 30, "ExitTimeOut": 60,
+        "ProcessType": "Standard"}, f"/Applications/{CONTENTS}/MacOS"
+    outputs = "StandardOutPath", "StandardErrorPath"
     assert property_lists(tmp_path / "dist") == [
         {**common, "CFBundleIdentifier": "com.a-b.backup", "CFBundleName": "Orvane"},
         {**common, "CFBundleIdentifier": "com.a-b.backup.service", "CFBundleName": "OrvaneService",
          "CFBundleExecutable": "OrvaneService", "LSBackgroundOnly": True,
          "NSLocalNetworkUsageDescription": "The service connects to devices in your local network."},
-        job("com.vaultory.service", ""),
-        job("com.vaultory.service.agent", "@HOME@", "-Duser.install=1")]
-    for path in [*tmp_path.rglob("*.plist"), *tmp_path.rglob("*.plist.in")]:
-        keys = re.findall("<key>(.*)</key>", path.read_text())
-        assert sorted(keys) == sorted(set(keys))
+        {**job, "Label": "com.vaultory.service", "ProgramArguments": [directory + "/OrvaneService"],
+         "WorkingDirectory": directory, **dict.fromkeys(outputs, "/Library/Logs/OrvaneService.log")},
+        {**job, "Label": "com.vaultory.service.agent", "WorkingDirectory": "@HOME@" + directory,
+         "ProgramArguments": [f"@HOME@{directory}/OrvaneService", "-Duser.install=1"],
+         **dict.fromkeys(outputs, "@HOME@/Library/Logs/OrvaneService.log")}]
 
 
 def this_platform():
@@ -514,75 +525,54 @@ def test_a_bundle_for_a_Mac_has_the_modules_of_a_JDK_for_it_and_requires_its_mac
     jre = tmp_path / "dist" / CONTENTS / "Resources/jre"
     assert '\nMODULES="java.base java.logging jdk.unsupported"\n' in (jre / "release").read_text()
     assert os.listdir(jre / "bin") == ["java"] and (jre / "lib/server/libjvm.dylib").exists()
-    (jmods / "jdk.unsupported.jmod").write_bytes(b"no jmod")
-    assert call(*arguments, "--jmods", jmods).lines[-1] == \
-        f"bundle: --jmods: jlink cannot link '{jmods}'; name a complete JDK's: Error: java.io.IOException: " \
-        f"Invalid JMOD file: {jmods}/jdk.unsupported.jmod"
 
 
 def test_wrong_input_is_one_line_that_names_the_option_before_anything_is_written(tmp_path, mine, classes):
     file, empty, links = tmp_path / "file", tmp_path / "empty directory", tmp_path / "links"
-    file.write_bytes(b"no jar")
+    for path in file, tmp_path / "app/Orvane.app":
+        path.parent.mkdir(exist_ok=True)
+        path.write_bytes(b"no jar")
     empty.mkdir()
     links.mkdir()
     (links / "out").symlink_to("../file")
-    service = write_jar(tmp_path / "s.jar", {MAIN: classes[MAIN]})
-    other = write_jar(tmp_path / "o.jar", {"x": b""})
-    again, listing_jar = write_jar(tmp_path / "again/O.jar", {}), write_jar(tmp_path / JAR, {})
-    java = wrapped_jdk(tmp_path, "java", "echo 'no libjvm' >&2; exit 1") / "bin/java"
-    (tmp_path / "bad").mkdir()
-    (tmp_path / "bad/java.base.jmod").write_bytes(b"no jmod")
-    directory, add = "is not a directory; name one", "add it, or name another directory"
-    jar = "is not a jar that can be read; name jars, or directories of them"
-    platforms = "is not for macOS or Linux on amd64 or aarch64; name one that is"
-    main = ["--main-jar", service]
-    cases = [([f"--{name}", path], f"'{path}' {directory}") for path, name in (
-        ("/nowhere", "lang"), (file, "conf"), (file, "bin"), ("/nowhere", "frameworks"), (file, "jmods"))]
-    cases += [
-        (["--jar", "x"], "no such option; --help lists all"),
-        (["--no-runtime=yes"], "takes no value"),
-        (["--main-jar"], "give a value"),
-        (["--main-jar", file], f"'{file}' {jar}"),
-        (["--main-jar", other], f"'{other}' has no com.vaultory.service.QRService, which the launcher calls; "
-                                "name the jar with it"),
-        (["--input", other], "the sample needs none; give --main-jar as well"),
-        (["--input", "/nowhere", *main], f"'/nowhere' {jar}"),
-        (["--input", empty, *main], f"'{empty}' has no jar in it; name jars, or directories of them"),
-        (["--input", again, *main, "--input", other],
-         f"'{again}' and '{other}' would both be installed as o.jar; leave out one"),
-        (["--input", listing_jar, *main],
-         f"'{listing_jar}' has the name of the jar that lists the others; rename it"),
-        (["--conf", empty], f"'{empty}' has no service.log.xml; {add}"),
-        (["--bin", links],
-         f"'{links}/out' is a link to '../file', which is not in that directory; replace it with a copy, or "
-         "leave it out"),
-        (["--app-version", "1.0-beta"],
-         "'1.0-beta' is not a version; give one to three numbers with dots between them"),
-        (["--copyright", "two\nlines"], "'two\nlines' is not one line; give one"),
-        (["--mac-package-identifier", "backup"],
-         "'backup' is not a bundle identifier; give words of letters, digits and hyphens "
-         "with dots between them"),
-        (["--executable", file], f"'{file}' {platforms}"),
-        (["--jdk", empty], f"'{empty}' has no bin/java; name a JDK, 11 or later"),
-        (["--jdk", java.parents[1]], f"'{java} --list-modules' fails: no libjvm"),
-        (["--jmods", empty], f"'{empty}' has no java.base.jmod; {add}"),
-        (["--jmods", tmp_path / "bad"], f"'{tmp_path}/bad/java.base.jmod' {platforms}"),
-        (["--add-modules", "java.sql,no.such"], f"'no.such' is not a module of '{JDK}', which has ..."),
-        (["--training-seconds", "soon"], "'soon' is not a time; give a whole number above 0"),
-        (["--dest", file], f"'{file}' is not a directory; name one"),
-        (["--train", empty], f"'{empty}' is no bundle with a launcher and a runtime; name an Orvane.app"),
-        (["--lang", empty, "--train", empty], "has no meaning with --train; leave one out"),
-    ]
+    service, spaced = [write_jar(tmp_path / name, {MAIN: classes[MAIN]}) for name in ("s.jar", "a b.jar")]
+    other, again = write_jar(tmp_path / "o.jar", {"x": b""}), write_jar(tmp_path / "again/O.jar", {})
+    listing_jar, main = write_jar(tmp_path / JAR, {}), ["--main-jar", service]
     before = sorted(tmp_path.rglob("*"))
-    for words, text in cases:
+    for words, text in (
+            (["--jar", "x"], "no such option; --help lists all"),
+            (["--main-jar"], "give a value"),
+            (["--lang", file], f"'{file}' is not a directory; name one"),
+            (["--conf", empty], f"'{empty}' has no service.log.xml; add it, or name another directory"),
+            (["--bin", links], f"'{links}/out' is a link to '../file', outside; replace it with a copy"),
+            (["--main-jar", file],
+             f"'{file}' is not a jar that can be read; name jars, or directories of them"),
+            (["--main-jar", other], f"'{other}' has no com.vaultory.service.QRService, which the launcher "
+                                    "calls; name the jar with it"),
+            (["--main-jar", spaced], "the VM archives no class of 'a b.jar'; rename it in ASCII without "
+                                      "spaces, or add --no-archive"),
+            (["--input", "/none", *main], "'/none' does not exist; name jars, or directories of them"),
+            (["--input", again, *main, "--input", other],
+             f"'{again}' and '{other}' would both be installed as o.jar; leave out one"),
+            (["--input", listing_jar, *main],
+             f"'{listing_jar}' has the name of the jar that lists the others; rename it"),
+            (["--app-version", "1.0-beta"], "'1.0-beta' is not a version; give one such as 2.1.0"),
+            (["--executable", file],
+             f"'{file}' is not for macOS or Linux on amd64 or aarch64; name one that is"),
+            (["--add-modules", "java.sql,no.such"], f"'no.such' is not a module of '{JDK}', which has ..."),
+            (["--dest", "app"], "'app/Orvane.app' is not a directory; remove it, or name another directory"),
+            (["--train", empty], f"'{empty}' is no bundle with a launcher and a runtime; name an Orvane.app"),
+            (["--lang", empty, "--train", empty], "has no meaning with --train; leave one out")):
         executable = [] if {"--executable", "--train"} & set(words) else [f"--executable={EXECUTABLE}"]
         run = call(*executable, *words, cwd=tmp_path)
         line = re.sub("which has .*", "which has ...", "\n".join(run.lines))
         assert (run.status, line) == (1, f"bundle: {words[0].partition('=')[0]}: {text}")
-    for name, value, text in (("JAVA_HOME", empty, f"'{empty}' has no bin/java; name a JDK, 11 or later"),
-                              ("SOURCE_DATE_EPOCH", "now", "'now' is not a time; give seconds since 1970")):
-        assert call(cwd=tmp_path, **{name: str(value)}).lines == [f"bundle: {name}: {text}"]
+    assert call(cwd=tmp_path, JAVA_HOME=str(empty)).lines == [
+        f"bundle: JAVA_HOME: '{empty}' has no bin/java; name a JDK, 11 or later"]
     assert sorted(tmp_path.rglob("*")) == before
+    dest = "/proc/none" if LINUX else "/System/none"  # where nobody can write
+    run = bundle(*main, "--no-runtime", "--dest", dest)
+    assert (run.status, [re.sub(": [A-Z].*", "", line) for line in run.lines]) == (1, [f"bundle: '{dest}'"])
 
 
 def test_all_options_are_explained_on_one_screen():
