@@ -434,7 +434,8 @@ SAMPLE = {
 
 
 def property_lists(dest):
-    files = [dest / "Orvane.app/Contents/Info.plist", *(dest / CONTENTS / name for name in ("Info.plist", *LAUNCHD))]
+    files = [dest / "Orvane.app/Contents/Info.plist", dest / CONTENTS / "Info.plist",
+             *(dest / CONTENTS / name for name in LAUNCHD)]
     for text in [file.read_text() for file in files]:
         assert len(re.findall("<key>", text)) == len(set(re.findall("<key>(.*)</key>", text)))
     return [plistlib.loads(file.read_bytes()) for file in files]
