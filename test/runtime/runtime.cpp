@@ -1,7 +1,6 @@
 #include "runtime.h"
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <unistd.h>
 
 #include <array>
@@ -12,7 +11,6 @@
 #include <deque>
 #include <map>
 #include <memory>
-#include <new>
 #include <sstream>
 #include <stdexcept>
 #include <string_view>
@@ -32,33 +30,13 @@ void writeTo(int descriptor, const std::string& text) {
     }
 }
 
-bool onMainThread() {
-#ifdef __APPLE__
-    return pthread_main_np() != 0;
-#else
-    return gettid() == getpid();
-#endif
-}
-
 std::string variable(const char* name) {
     const char* const value = std::getenv(name);
     return value == nullptr ? "" : value;
 }
 
 jint status(const char* name) {
-    const std::string value = variable(name);
-    return value.empty() ? JNI_OK : std::stoi(value);
-}
-
-runtime::Behaviour fromEnvironment() {
-    return {.createStatus = status("RUNTIME_CREATE_STATUS"),
-            .destroyStatus = status("RUNTIME_DESTROY_STATUS"),
-            .attachStatus = status("RUNTIME_ATTACH_STATUS"),
-            .detachStatus = status("RUNTIME_DETACH_STATUS"),
-            .missingClass = variable("RUNTIME_MISSING_CLASS"),
-            .missingMethod = variable("RUNTIME_MISSING_METHOD"),
-            .error = variable("RUNTIME_ERROR"),
-            .output = variable("RUNTIME_OUTPUT")};
+    return std::atoi(variable(name).c_str());
 }
 
 int openRecord() {
@@ -77,16 +55,19 @@ int openRecord() {
 struct Object {
     std::string name;
     std::vector<std::string> texts;
-    bool deleted = false;
+};
+
+struct Env : JNIEnv {
+    std::string name;
 };
 
 struct Runtime {
-    runtime::Behaviour behaviour = fromEnvironment();
+    runtime::Observer onCreate;
     std::vector<std::string> calls;
     std::map<std::string, int> callsOf;
     std::map<std::string, int> objectsOf;
     std::map<const void*, std::unique_ptr<Object>> objects;
-    std::deque<JNIEnv> envs;
+    std::deque<Env> envs;
 };
 
 Runtime& current() {
@@ -105,7 +86,7 @@ Object* add(const std::string& kind, std::vector<std::string> texts = {}) {
 
 Object& object(const void* reference) {
     const auto found = current().objects.find(reference);
-    if (found == current().objects.end() || found->second->deleted) {
+    if (found == current().objects.end()) {
         endTest("The launcher used a reference that is not valid.");
     }
     return *found->second;
@@ -113,17 +94,6 @@ Object& object(const void* reference) {
 
 std::string name(const void* reference) {
     return reference == nullptr ? "null" : object(reference).name;
-}
-
-std::string name(const JNIEnv* env) {
-    int number = 0;
-    for (const JNIEnv& given : current().envs) {
-        ++number;
-        if (&given == env) {
-            return "env#" + std::to_string(number);
-        }
-    }
-    endTest("The launcher used an env that is not valid.");
 }
 
 std::string literal(const char* text) {
@@ -154,14 +124,8 @@ void raise(const std::string& kind) {
     if (kind == "runtime_error") {
         throw std::runtime_error("a runtime error");
     }
-    if (kind == "range_error") {
-        throw std::range_error("a range error");
-    }
     if (kind == "logic_error") {
         throw std::logic_error("a logic error");
-    }
-    if (kind == "bad_alloc") {
-        throw std::bad_alloc();
     }
     if (kind == "int") {
         throw 1;
@@ -179,18 +143,16 @@ void writeRecord(const std::string& line) {
     writeRecord("exit");
 }
 
-/// Records a call of a table's function, "env#1: " in front if it was the env's, and throws the
-/// error that is configured for it.
-void record(const std::string& prefix, const std::string& function, const std::string& arguments,
+/// Records a call of a function, of the env's table if there is one, and throws the error that is
+/// configured for it.
+void record(const JNIEnv* env, const std::string& function, const std::string& arguments,
             const std::string& result = "") {
-    if (!onMainThread()) {
-        endTest("The launcher called " + function + " on a second thread.");
-    }
+    const std::string prefix = env == nullptr ? "" : static_cast<const Env*>(env)->name + ": ";
     const std::string line =
         prefix + function + "(" + arguments + ")" + (result.empty() ? "" : " = " + result);
     current().calls.push_back(line);
     writeRecord(line);
-    std::istringstream error(current().behaviour.error);
+    std::istringstream error(variable("RUNTIME_ERROR"));
     std::string kind;
     std::string from;
     int call = 1;
@@ -201,23 +163,23 @@ void record(const std::string& prefix, const std::string& function, const std::s
 }
 
 jclass JNICALL findClass(JNIEnv* env, const char* className) {
-    Object* const result = className == current().behaviour.missingClass ? nullptr : add("class");
-    record(name(env) + ": ", "FindClass", literal(className), name(result));
+    Object* const result = className == variable("RUNTIME_MISSING_CLASS") ? nullptr : add("class");
+    record(env, "FindClass", literal(className), name(result));
     return reinterpret_cast<jclass>(result);
 }
 
 jmethodID JNICALL getStaticMethodID(JNIEnv* env, jclass parent, const char* methodName,
                                     const char* signature) {
     Object* const result =
-        methodName == current().behaviour.missingMethod ? nullptr : add("method");
-    record(name(env) + ": ", "GetStaticMethodID",
+        methodName == variable("RUNTIME_MISSING_METHOD") ? nullptr : add("method");
+    record(env, "GetStaticMethodID",
            name(parent) + ", " + literal(methodName) + ", " + literal(signature), name(result));
     return reinterpret_cast<jmethodID>(result);
 }
 
 jstring JNICALL newStringUTF(JNIEnv* env, const char* bytes) {
     Object* const result = add("string", {literal(bytes)});
-    record(name(env) + ": ", "NewStringUTF", literal(bytes), name(result));
+    record(env, "NewStringUTF", literal(bytes), name(result));
     return reinterpret_cast<jstring>(result);
 }
 
@@ -225,14 +187,14 @@ jobjectArray JNICALL newObjectArray(JNIEnv* env, jsize length, jclass elementCla
                                     jobject initial) {
     Object* const result = add("array", std::vector<std::string>(static_cast<std::size_t>(length),
                                                                  object(initial).texts.at(0)));
-    record(name(env) + ": ", "NewObjectArray",
+    record(env, "NewObjectArray",
            std::to_string(length) + ", " + name(elementClass) + ", " + name(initial), name(result));
     return reinterpret_cast<jobjectArray>(result);
 }
 
 void JNICALL setObjectArrayElement(JNIEnv* env, jobjectArray array, jsize index, jobject element) {
     object(array).texts.at(static_cast<std::size_t>(index)) = object(element).texts.at(0);
-    record(name(env) + ": ", "SetObjectArrayElement",
+    record(env, "SetObjectArrayElement",
            name(array) + ", " + std::to_string(index) + ", " + name(element));
 }
 
@@ -241,15 +203,15 @@ void JNICALL callStaticVoidMethodV(JNIEnv* env, jclass parent, jmethodID method,
                                    va_list arguments) {
     auto* const array = va_arg(arguments, jobjectArray);
     record(
-        name(env) + ": ", "CallStaticVoidMethod",
+        env, "CallStaticVoidMethod",
         name(parent) + ", " + name(method) + ", " + name(array) + " " + list(object(array).texts));
-    writeTo(STDOUT_FILENO, current().behaviour.output);
+    writeTo(STDOUT_FILENO, variable("RUNTIME_OUTPUT"));
 }
 
 void JNICALL deleteLocalRef(JNIEnv* env, jobject reference) {
     const std::string deleted = name(reference);
-    object(reference).deleted = true;
-    record(name(env) + ": ", "DeleteLocalRef", deleted);
+    current().objects.erase(reference);
+    record(env, "DeleteLocalRef", deleted);
 }
 
 template <std::size_t TableSize, std::size_t Slot>
@@ -266,7 +228,7 @@ Table traps() {
     }(std::make_index_sequence<sizeof(Table) / sizeof(void*)>());
 }
 
-JNIEnv* newEnv() {
+Env* newEnv() {
     static const JNINativeInterface_ functions = [] {
         auto table = traps<JNINativeInterface_>();
         table.FindClass = findClass;
@@ -278,27 +240,37 @@ JNIEnv* newEnv() {
         table.DeleteLocalRef = deleteLocalRef;
         return table;
     }();
-    return &current().envs.emplace_back(JNIEnv{&functions});
+    const std::string number = std::to_string(current().envs.size() + 1);
+    return &current().envs.emplace_back(Env{{&functions}, "env#" + number});
+}
+
+/// Provides a new env unless the result is an error, and returns what the record says of it.
+std::string provideEnv(jint result, void** env) {
+    if (result != JNI_OK) {
+        return std::to_string(result);
+    }
+    auto* const created = newEnv();
+    *env = created;
+    return created->name;
 }
 
 jint JNICALL destroyJavaVM(JavaVM*) {
-    record("", "DestroyJavaVM", "", std::to_string(current().behaviour.destroyStatus));
-    return current().behaviour.destroyStatus;
+    const jint result = status("RUNTIME_DESTROY_STATUS");
+    record(nullptr, "DestroyJavaVM", "", std::to_string(result));
+    return result;
 }
 
 jint JNICALL attachCurrentThread(JavaVM*, void** env, void* group) {
-    const jint status = current().behaviour.attachStatus;
-    if (status == JNI_OK) {
-        *env = newEnv();
-    }
-    record("", "AttachCurrentThread", group == nullptr ? "null" : "a group",
-           status == JNI_OK ? name(static_cast<JNIEnv*>(*env)) : std::to_string(status));
-    return status;
+    const jint result = status("RUNTIME_ATTACH_STATUS");
+    record(nullptr, "AttachCurrentThread", group == nullptr ? "null" : "a group",
+           provideEnv(result, env));
+    return result;
 }
 
 jint JNICALL detachCurrentThread(JavaVM*) {
-    record("", "DetachCurrentThread", "", std::to_string(current().behaviour.detachStatus));
-    return current().behaviour.detachStatus;
+    const jint result = status("RUNTIME_DETACH_STATUS");
+    record(nullptr, "DetachCurrentThread", "", std::to_string(result));
+    return result;
 }
 
 JavaVM* theVM() {
@@ -317,9 +289,9 @@ JavaVM* theVM() {
 
 namespace runtime {
 
-void reset(const Behaviour& behaviour) {
+void reset(const Observer& onCreate) {
     current() = {};
-    current().behaviour = behaviour;
+    current().onCreate = onCreate;
 }
 
 const std::vector<std::string>& calls() {
@@ -330,8 +302,8 @@ const std::vector<std::string>& calls() {
 
 extern "C" JNIEXPORT jint JNICALL JNI_CreateJavaVM(JavaVM** vm, void** env, void* args) {
     const auto& init = *static_cast<const JavaVMInitArgs*>(args);
-    if (current().behaviour.onCreate) {
-        current().behaviour.onCreate(init);
+    if (current().onCreate) {
+        current().onCreate(init);
     }
     std::vector<std::string> options;
     for (jint i = 0; i < init.nOptions; ++i) {
@@ -342,12 +314,10 @@ extern "C" JNIEXPORT jint JNICALL JNI_CreateJavaVM(JavaVM** vm, void** env, void
     arguments << "version=0x" << std::hex << init.version << std::dec
               << ", ignoreUnrecognized=" << int{init.ignoreUnrecognized}
               << ", nOptions=" << init.nOptions << ", " << list(options);
-    const jint status = current().behaviour.createStatus;
-    if (status == JNI_OK) {
+    const jint result = status("RUNTIME_CREATE_STATUS");
+    if (result == JNI_OK) {
         *vm = theVM();
-        *env = newEnv();
     }
-    record("", "JNI_CreateJavaVM", arguments.str(),
-           status == JNI_OK ? name(static_cast<JNIEnv*>(*env)) : std::to_string(status));
-    return status;
+    record(nullptr, "JNI_CreateJavaVM", arguments.str(), provideEnv(result, env));
+    return result;
 }

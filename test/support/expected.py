@@ -38,9 +38,9 @@ def before_vm(home=b"", lines=None, arguments=()):
     return launching(home, lines) + listing(home, lines, arguments)
 
 
-def stdout(home=b"", lines=None, arguments=(), service=b""):
-    """Standard output of a run whose Java main returned, having written service."""
-    return before_vm(home, lines, arguments) + STARTING + service + COMPLETE
+def stdout(home=b"", lines=None, arguments=()):
+    """Standard output of a run whose Java main returned, having written nothing."""
+    return before_vm(home, lines, arguments) + STARTING + COMPLETE
 
 
 def rejected_argument(argument):

@@ -38,9 +38,9 @@ class Run(typing.NamedTuple):
     normal_end: bool = True
 
 
-def finished(home=b"", lines=None, arguments=(), service=b""):
+def finished(home=b"", lines=None, arguments=()):
     """A run whose Java main returned; arguments as for expected.stdout."""
-    return Run(0, expected.stdout(home, lines, arguments, service), b"",
+    return Run(0, expected.stdout(home, lines, arguments), b"",
                expected.calls(home, lines, arguments))
 
 

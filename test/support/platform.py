@@ -1,6 +1,6 @@
 """What a test sees differently by system and by C++ library: libc++, a Mac's, or libstdc++."""
 
-from . import LINUX, impossible
+from . import LINUX
 from .launcher import ABORTED, EMULATOR, PROGRAM, SLICE
 
 LIBCXX = b"libc++" in PROGRAM.read_bytes()
@@ -18,11 +18,6 @@ NO_RUNTIME = 127 if LINUX and not SLICE else ABORTED
 
 # The emulator's own line for every abort.
 _FROM_EMULATOR = b"qemu: uncaught target signal 6 (Aborted) - core dumped\n" if EMULATOR else b""
-
-
-def require_packets():
-    if not LINUX:
-        impossible("a Mac has no local socket that keeps packets apart")
 
 
 def terminated(kind, what=None, thrown_by_runtime=False):
