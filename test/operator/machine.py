@@ -315,7 +315,8 @@ class Machine:
     def good(self, *versions):
         """Installs these in turn; each runs."""
         for version in versions:
-            assert self.install(version)[0] == 0
+            status, text = self.install(version)
+            assert status == 0, text
 
     def short(self, text):
         for name, path in self.names.items():
