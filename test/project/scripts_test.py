@@ -5,7 +5,7 @@ import pytest
 
 from support import ROOT
 
-SCRIPTS = [file for place in ("script", "operator", ".ci", "test") for file in sorted((ROOT / place).iterdir())
+SCRIPTS = [file for place in ("script", "operator", ".ci") for file in sorted((ROOT / place).iterdir())
            if file.is_file() and file.read_bytes().startswith(b"#!")]
 
 

@@ -36,7 +36,8 @@ std::string variable(const char* name) {
 }
 
 jint status(const char* name) {
-    return std::atoi(variable(name).c_str());
+    const std::string value = variable(name);
+    return value.empty() ? JNI_OK : std::stoi(value);
 }
 
 int openRecord() {

@@ -80,7 +80,8 @@ class Launcher:
         with self.start(*arguments, **options) as process:
             result = process.finish()
         # Older versions of libc++ say "with".
-        result = result._replace(stderr=result.stderr.replace(b"terminating with unc", b"terminating due to unc"))
+        stderr = result.stderr.replace(b"terminating with unc", b"terminating due to unc")
+        result = result._replace(stderr=stderr)
         lines = record.read_text().splitlines()
         normal_end = lines[-1:] == ["exit"]
         return Run(*result, lines[:-1] if normal_end else lines, normal_end)
