@@ -10,6 +10,7 @@ import fcntl
 import os
 import pathlib
 import shutil
+import signal
 import subprocess
 import sys
 
@@ -83,6 +84,8 @@ def decide(suite):
 
 def main(suite, *arguments):
     os.umask(0o022)
+    for number in signal.SIGHUP, signal.SIGINT:  # a caller in the background has them ignored, also in a VM
+        signal.signal(number, signal.SIG_DFL)
     scratch = BUILD_DIR / "pytest" / suite
     scratch.parent.mkdir(parents=True, exist_ok=True)
     os.environ["BUILD_DIR"] = str(BUILD_DIR)
