@@ -5,6 +5,7 @@ import os
 import pathlib
 import plistlib
 import re
+import shlex
 import signal
 import struct
 import subprocess
@@ -148,8 +149,9 @@ NAME = "Orvane-2.1.0-arm64"
 for word, words in {
         "SIGN": "codesign --force --sign 'Developer ID Application: A B' --timestamp --options runtime",
         "COPY": "WORK/root/Orvane.app", "WORK": "NAME.partial", "NAME": NAME, "LAUNCHER": LAUNCHER,
-        "RESOURCES": RESOURCES, "SERVICE": SERVICE, "BUNDLE": f"{ROOT}/bundle"}.items():
+        "RESOURCES": RESOURCES, "SERVICE": SERVICE}.items():
     COMMANDS = re.sub(rf"\b{word}\b", words, COMMANDS)
+COMMANDS = re.sub(r"\bBUNDLE(/\S+)", lambda path: shlex.quote(f"{ROOT}/bundle{path[1]}"), COMMANDS)
 # What a release prints while it executes: no generated files, no removal of its directory.
 EXECUTED = re.sub(r"cat >.*?\nEND\n|rm -rf .*\n", "", COMMANDS, flags=re.DOTALL)
 CALLS = [line for line in EXECUTED.splitlines() if line.split()[0] in TOOLS]
@@ -186,8 +188,9 @@ def test_signed_for_this_machine_each_program_accepts_any_library(release):
     expected = EXECUTED.replace(" --sign 'Developer ID Installer: A B' --timestamp", "")
     expected = expected.replace("'Developer ID Application: A B' --timestamp", "- --timestamp=none")
     expected = re.sub(r"xcrun .*?(?=mv )", "", expected, flags=re.DOTALL)
-    expected = re.sub(r"runtime( --entitlements \S+)? (\S+/(java|helper)\n)",
-                      rf"runtime --entitlements {ROOT}/bundle/OrvaneService.entitlements \2", expected)
+    launcher = shlex.quote(f"{ROOT}/bundle/OrvaneService.entitlements")
+    expected = re.sub(r"runtime( --entitlements ('[^']*'|\S+))? (\S+/(java|helper)\n)",
+                      lambda line: f"runtime --entitlements {launcher} {line[3]}", expected)
     assert release.run("--sign", "-") == (
         0, expected, f"Made {NAME}.dmg and {NAME}.pkg in DIST, not notarized: "
         "a Mac that downloads them would refuse them\n")
@@ -228,6 +231,7 @@ def test_a_release_that_is_interrupted_leaves_nothing(release, number):
     line = next(line for line in CALLS if line.startswith("pkgbuild"))
     with release.start(*DEVELOPER, HANG=line) as process:
         while line not in release.called():
+            assert process.poll() is None
             time.sleep(0.01)
         process.send_signal(number)
         _, errors = process.communicate(timeout=30)
