@@ -273,7 +273,7 @@ def test_what_a_vendor_changed_by_hand_is_accepted(release):
         release.put("Contents/MacOS/" + name, macho(PROGRAM, ARM64))
     output = release.run("--dry-run", "--sign", "-")[1]
     assert "install_name_tool" not in output
-    assert re.findall("/OrvaneService.entitlements .*Orvane.app(/Contents/MacOS.*|)\n", output) == [
+    assert re.findall("/OrvaneService.entitlements'? .*Orvane.app(/Contents/MacOS.*|)\n", output) == [
         "/Contents/MacOS/tool", ""]
 
 
