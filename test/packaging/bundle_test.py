@@ -11,6 +11,7 @@ import stat
 import struct
 import subprocess
 import tarfile
+import tempfile
 import time
 import types
 import zipfile
@@ -318,7 +319,7 @@ def test_VM_options_that_the_runtime_rejects_are_found_before_the_service_runs(t
 def test_an_agent_starts_from_its_jar_and_a_class_from_outside_the_bundle_is_named(tmp_path, classes):
     outside = write_jar(tmp_path / "outside.jar", {"below/Below.class": classes["below/Below.class"]})
     inside = {name: data for name, data in classes.items() if re.match("com|upper|vendor|versioned", name)}
-    service = write_jar(tmp_path / "service.jar", inside, f"Class-Path: {outside}\r\n")
+    service = write_jar(tmp_path / "service.jar", inside, f"Class-Path: {outside.as_uri()}\r\n")
     agent = write_jar(tmp_path / "agent.jar", {"agent/Agent.class": classes["agent/Agent.class"]},
                       "Premain-Class: agent.Agent\r\n")
     run = bundle("--main-jar", service, "--input", agent, "--java-options",
@@ -337,16 +338,18 @@ def test_an_agent_starts_from_its_jar_and_a_class_from_outside_the_bundle_is_nam
 def test_an_interrupted_run_takes_the_service_with_it_and_leaves_nothing(tmp_path, mine, number):
     command = [ROOT / "script/bundle", "--executable", EXECUTABLE, "--main-jar", mine / "service.jar",
                "--input", mine / "lib", "--training-argument", "stay"]
+    work = pathlib.Path(tempfile.mkdtemp(dir="/tmp"))  # the VM's options take no path with a space
     with subprocess.Popen(command, cwd=tmp_path, stderr=subprocess.DEVNULL,
-                          env={**os.environ, "TMPDIR": str(tmp_path)}) as script:
+                          env={**os.environ, "TMPDIR": str(work)}) as script:
         deadline = time.monotonic() + 100
-        while not list(tmp_path.glob("bundle-*/tmp/ready")):
+        while not list(work.glob("bundle-*/tmp/ready")):
             assert script.poll() is None and time.monotonic() < deadline
             time.sleep(0.05)
-        assert processes_below(tmp_path) != ""
+        assert processes_below(work) != ""
         script.send_signal(number)
         assert script.wait(60) == 128 + number
-    assert (processes_below(tmp_path), list(tmp_path.iterdir())) == ("", [])
+    assert (processes_below(work), [*tmp_path.iterdir(), *work.iterdir()]) == ("", [])
+    work.rmdir()
 
 
 def processes_below(directory):
