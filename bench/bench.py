@@ -15,27 +15,51 @@ SOURCE = pathlib.Path(__file__).resolve().parents[1]
 BENCH, WORK = SOURCE / "bench", pathlib.Path("/tmp/bench")
 CONTENTS = "Orvane.app/Contents/Library/LaunchServices/OrvaneService.app/Contents"
 OVERRIDE_FILE = pathlib.Path("/Library/Application Support/Quillrest/conf/jvm_args")
-OPTIONS = (SOURCE / "test/support/default_options.txt").read_text().replace("{home}", "").splitlines()
+OPTIONS = (
+    (SOURCE / "test/support/default_options.txt").read_text().replace("{home}", "").splitlines()
+)
 SERVICE = "com.vaultory.service.QRService"
 CLASS_PATH = "../Resources/lib/com.vaultory.desktop.jar:../Resources/lang"
 DAEMON = "/usr/share/java/commons-daemon.jar"
-ENV = {"PATH": "/nonexistent", "LC_ALL": "C.UTF-8"}  # jpackage's program asks a package manager on PATH
-WARM_UP, FEWEST, MOST, SECONDS = 2, 10, 100, 90  # rounds; more than the fewest only in these seconds
+ENV = {
+    "PATH": "/nonexistent",
+    "LC_ALL": "C.UTF-8",
+}  # jpackage's program asks a package manager on PATH
+WARM_UP, FEWEST, MOST, SECONDS = (
+    2,
+    10,
+    100,
+    90,
+)  # rounds; more than the fewest only in these seconds
 
 
 def run(*command, **options):
-    done = subprocess.run([*map(str, command)], text=True, stdin=subprocess.DEVNULL,
-                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, **options)
+    done = subprocess.run(
+        [*map(str, command)],
+        text=True,
+        stdin=subprocess.DEVNULL,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.STDOUT,
+        **options,
+    )
     if done.returncode:
-        sys.exit(f"{done.stdout}\nbench: {command[0]}: status {done.returncode}; its output is above")
+        sys.exit(
+            f"{done.stdout}\nbench: {command[0]}: status {done.returncode}; its output is above"
+        )
     return done.stdout
 
 
 def measure(cwd, command, until):
     """Wall time to the line UNTIL or else to the end, CPU time and peak memory of one run."""
     start = time.perf_counter()
-    process = subprocess.Popen(command, cwd=cwd, env=ENV, stdin=subprocess.DEVNULL,
-                               stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+    process = subprocess.Popen(
+        command,
+        cwd=cwd,
+        env=ENV,
+        stdin=subprocess.DEVNULL,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.DEVNULL,
+    )
     found = [time.perf_counter() for line in process.stdout if line == until]
     _, process.returncode, used = os.wait4(process.pid, 0)
     if process.returncode or until and not found:
@@ -53,10 +77,23 @@ def race(cwd, commands, until=None):
             runs[name].append(measure(cwd, commands[name], until))
     ours = runs.pop("launcher")[WARM_UP:]
     wall, cpu, memory = (statistics.median(figures) for figures in zip(*ours))
-    return (f"{len(ours)} rounds; the launcher took {wall * 1000:.0f} ms, {cpu * 1000:.0f} ms of CPU time, "
-            f"{memory / 1024:.0f} MiB.\n\n" + table(["launcher /", "wall time", "CPU time", "peak memory"], [
-                [name, *(interval([a[i] / b[i] for a, b in zip(ours, others[WARM_UP:])]) for i in range(3))]
-                for name, others in runs.items()]))
+    return (
+        f"{len(ours)} rounds; the launcher took {wall * 1000:.0f} ms, {cpu * 1000:.0f} ms of CPU time, "
+        f"{memory / 1024:.0f} MiB.\n\n"
+        + table(
+            ["launcher /", "wall time", "CPU time", "peak memory"],
+            [
+                [
+                    name,
+                    *(
+                        interval([a[i] / b[i] for a, b in zip(ours, others[WARM_UP:])])
+                        for i in range(3)
+                    ),
+                ]
+                for name, others in runs.items()
+            ],
+        )
+    )
 
 
 def interval(ratios):
@@ -66,35 +103,93 @@ def interval(ratios):
 
 
 def table(head, rows):
-    return "".join("| " + " | ".join(map(str, row)) + " |\n" for row in [head, ["---"] * len(head), *rows])
+    return "".join(
+        "| " + " | ".join(map(str, row)) + " |\n" for row in [head, ["---"] * len(head), *rows]
+    )
 
 
 def hosts(jdk, bundle, jars):
     """The directory to start in, and what can host a bundle's service: its launcher and others."""
     peer, java = bundle / "peer", bundle / CONTENTS / "Resources/jre/bin/java"
     words = *OPTIONS, "-cp", CLASS_PATH, SERVICE
-    run(jdk / "bin/jpackage", "--type", "app-image", "--name", "peer", "--dest", bundle, "--input", jars,
-        "--main-jar", "service.jar", "--main-class", SERVICE,
-        *(word for option in OPTIONS for word in ("--java-options", f'"{option}"')))
+    run(
+        jdk / "bin/jpackage",
+        "--type",
+        "app-image",
+        "--name",
+        "peer",
+        "--dest",
+        bundle,
+        "--input",
+        jars,
+        "--main-jar",
+        "service.jar",
+        "--main-class",
+        SERVICE,
+        *(word for option in OPTIONS for word in ("--java-options", f'"{option}"')),
+    )
     return bundle / CONTENTS / "MacOS", {
-        "launcher": ["./OrvaneService"], "`java` of the bundle's runtime": [java, *words],
-        "`java` of the JDK": [jdk / "bin/java", *words], "jpackage's application": [peer / "bin/peer"]}
+        "launcher": ["./OrvaneService"],
+        "`java` of the bundle's runtime": [java, *words],
+        "`java` of the JDK": [jdk / "bin/java", *words],
+        "jpackage's application": [peer / "bin/peer"],
+    }
 
 
 def compare_sample(jdk):
     bundle, jars = WORK / "sample", WORK / "jars"
     run(SOURCE / "script/bundle", "--dest", bundle, "--jdk", jdk)
     jars.mkdir()
-    jar = shutil.copy(bundle / CONTENTS / "Resources/lib/com.vaultory.desktop.jar", jars / "service.jar")
+    jar = shutil.copy(
+        bundle / CONTENTS / "Resources/lib/com.vaultory.desktop.jar", jars / "service.jar"
+    )
     (WORK / "options.h").write_text("".join(f'{{"{option}", NULL}},\n' for option in OPTIONS))
-    run("cc", "-O2", f"-I{jdk}/include", f"-I{jdk}/include/linux", f"-I{WORK}", BENCH / "native/floor.c",
-        jdk / "lib/server/libjvm.so", "-o", WORK / "floor", "-Wl,-rpath,../Resources/jre/lib/server")
-    run(jdk / "bin/javac", "-d", WORK / "jsvc", "-cp", f"{jar}:{DAEMON}", BENCH / "java/JsvcService.java")
+    run(
+        "cc",
+        "-O2",
+        f"-I{jdk}/include",
+        f"-I{jdk}/include/linux",
+        f"-I{WORK}",
+        BENCH / "native/floor.c",
+        jdk / "lib/server/libjvm.so",
+        "-o",
+        WORK / "floor",
+        "-Wl,-rpath,../Resources/jre/lib/server",
+    )
+    run(
+        jdk / "bin/javac",
+        "-d",
+        WORK / "jsvc",
+        "-cp",
+        f"{jar}:{DAEMON}",
+        BENCH / "java/JsvcService.java",
+    )
     cwd, commands = hosts(jdk, bundle, jars)
-    return race(cwd, {**commands, "a bare C host": [WORK / "floor"], "jsvc": [
-        "/usr/bin/jsvc", "-home", "../Resources/jre", "-nodetach", "-pidfile", WORK / "pid", "-cwd", ".",
-        "-outfile", "&1", "-errfile", "&2", *OPTIONS, "-cp", f"{DAEMON}:{CLASS_PATH}:{WORK}/jsvc",
-        "JsvcService"]})
+    return race(
+        cwd,
+        {
+            **commands,
+            "a bare C host": [WORK / "floor"],
+            "jsvc": [
+                "/usr/bin/jsvc",
+                "-home",
+                "../Resources/jre",
+                "-nodetach",
+                "-pidfile",
+                WORK / "pid",
+                "-cwd",
+                ".",
+                "-outfile",
+                "&1",
+                "-errfile",
+                "&2",
+                *OPTIONS,
+                "-cp",
+                f"{DAEMON}:{CLASS_PATH}:{WORK}/jsvc",
+                "JsvcService",
+            ],
+        },
+    )
 
 
 def compare_ready(jdk, work):
@@ -103,8 +198,17 @@ def compare_ready(jdk, work):
         shutil.copy("/usr/share/java/hsqldb.jar", work / name)
     run(jdk / "bin/javac", "-d", work / "classes", BENCH / "java/QRService.java")
     run(jdk / "bin/jar", "cf", work / "jars/service.jar", "-C", work / "classes", ".")
-    run(SOURCE / "script/bundle", "--main-jar", work / "jars/service.jar", "--input", work / "lib", "--dest",
-        work / "bundle", "--jdk", jdk)
+    run(
+        SOURCE / "script/bundle",
+        "--main-jar",
+        work / "jars/service.jar",
+        "--input",
+        work / "lib",
+        "--dest",
+        work / "bundle",
+        "--jdk",
+        jdk,
+    )
     return race(*hosts(jdk, work / "bundle", work / "jars"), until=b"ready\n")
 
 
@@ -114,20 +218,39 @@ def count(jdk):
     for directory in library, OVERRIDE_FILE:
         directory.parent.mkdir(parents=True)
     shutil.copytree(WORK / "sample" / CONTENTS / "MacOS", cwd)
-    run("cc", "-O2", f"-I{jdk}/include", f"-I{jdk}/include/linux", "-shared", "-fPIC", "-o", library,
-        BENCH / "native/idle_runtime.c", f"-Wl,--version-script={SOURCE}/test/runtime/libjvm.map")
+    run(
+        "cc",
+        "-O2",
+        f"-I{jdk}/include",
+        f"-I{jdk}/include/linux",
+        "-shared",
+        "-fPIC",
+        "-o",
+        library,
+        BENCH / "native/idle_runtime.c",
+        f"-Wl,--version-script={SOURCE}/test/runtime/libjvm.map",
+    )
 
     def instructions(*arguments, lines=0, program="./OrvaneService"):
         OVERRIDE_FILE.write_bytes(b"-Xmx512m\n" * lines)
-        output = run("/usr/bin/valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null", program,
-                     *arguments, cwd=cwd, env={})
+        output = run(
+            "/usr/bin/valgrind",
+            "--tool=callgrind",
+            "--callgrind-out-file=/dev/null",
+            program,
+            *arguments,
+            cwd=cwd,
+            env={},
+        )
         return int(re.search(r"Collected : (\d+)", output)[1])
+
     rows, alone, host = [], instructions(), instructions(program=WORK / "floor")
     for number in 1000, 10_000, 100_000:
         lines, arguments = instructions(lines=number), instructions(*["argument"] * number)
         rows.append([f"{number:,}", (lines - alone) // number, (arguments - alone) // number])
     return f"the launcher {alone:,}, the bare C host {host:,}. Each one adds:\n\n" + table(
-        ["of", "a line of 8 bytes", "an argument of 8 bytes"], rows)
+        ["of", "a line of 8 bytes", "an argument of 8 bytes"], rows
+    )
 
 
 def main():
@@ -136,7 +259,8 @@ def main():
     sample, counted = compare_sample(jdks[0]), count(jdks[0])
     ready = "\n".join(f"{jdk.name}: {compare_ready(jdk, WORK / jdk.name)}" for jdk in jdks)
     cpu = re.search(r"model name\s*: (.*)|$", pathlib.Path("/proc/cpuinfo").read_text())[1]
-    (BENCH / "REPORT.md").write_text(f"""# Benchmarks
+    (BENCH / "REPORT.md").write_text(
+        f"""# Benchmarks
 
 `script/bench` wrote this in {(time.monotonic() - began) / 60:.0f} minutes.
 Machine: {cpu or os.uname().machine}, {os.cpu_count()} cores.
@@ -157,7 +281,8 @@ All have the launcher's options and working directory. The bare C host is `bench
 {ready}
 ## Growth
 
-Instructions of a whole run over a runtime library that does nothing: {counted}""")
+Instructions of a whole run over a runtime library that does nothing: {counted}"""
+    )
 
 
 main()

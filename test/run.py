@@ -26,8 +26,13 @@ AS_ROOT = ["operator"]  # suites whose tests are root, if only of a namespace
 def python():
     """The interpreter that has pytest: the one of build/venv, this one, or the system's."""
     for program in ROOT / "build/venv/bin/python3", sys.executable, "/usr/bin/python3":
-        if os.access(program, os.X_OK) and subprocess.run(
-                [program, "-c", "import pytest"], stderr=subprocess.DEVNULL).returncode == 0:
+        if (
+            os.access(program, os.X_OK)
+            and subprocess.run(
+                [program, "-c", "import pytest"], stderr=subprocess.DEVNULL
+            ).returncode
+            == 0
+        ):
             return str(program)
     sys.exit(f"run.py: no pytest for {sys.executable}; call script/test, which installs it")
 
@@ -53,11 +58,23 @@ def namespace(suite):
     if not shutil.which("bwrap"):
         return None, "there is no bwrap; install bubblewrap"
     uid = "0" if suite in AS_ROOT else "1000"
-    mapped = ["--unshare-user", "--uid", uid, "--gid", uid, *(["--cap-add", "ALL"] if uid == "0" else [])]
+    mapped = [
+        "--unshare-user",
+        "--uid",
+        uid,
+        "--gid",
+        uid,
+        *(["--cap-add", "ALL"] if uid == "0" else []),
+    ]
     for how in [["--cap-add", "ALL"]] * (os.geteuid() == 0) + [mapped]:
         command = bwrap(*how)
-        probe = subprocess.run([*command, "true"], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                               stderr=subprocess.PIPE, text=True)
+        probe = subprocess.run(
+            [*command, "true"],
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.DEVNULL,
+            stderr=subprocess.PIPE,
+            text=True,
+        )
         if probe.returncode == 0:
             return command, None
     return None, probe.stderr.strip()
@@ -72,8 +89,11 @@ def decide(suite):
         found = [str(path) for path in DIRECTORIES if path.exists()]
         if os.geteuid() == 0 and (not found or JOURNAL.exists()):
             return "on this machine, which has no namespaces", [], None
-        reason += (f"; and there is {found[0]}, perhaps left by a killed run of a deleted checkout"
-                   if os.geteuid() == 0 else "; and not root")
+        reason += (
+            f"; and there is {found[0]}, perhaps left by a killed run of a deleted checkout"
+            if os.geteuid() == 0
+            else "; and not root"
+        )
     elif os.environ.get("THROW_AWAY_MACHINE") == "yes":
         sudo = ["sudo", "-n", "env", *[f"{name}={value}" for name, value in os.environ.items()]]
         return "on this machine, which may be thrown away", sudo if os.geteuid() != 0 else [], None
@@ -84,7 +104,10 @@ def decide(suite):
 
 def main(suite, *arguments):
     os.umask(0o022)
-    for number in signal.SIGHUP, signal.SIGINT:  # a caller in the background has them ignored, also in a VM
+    for number in (
+        signal.SIGHUP,
+        signal.SIGINT,
+    ):  # a caller in the background has them ignored, also in a VM
         signal.signal(number, signal.SIG_DFL)
     scratch = BUILD_DIR / "pytest" / suite
     scratch.parent.mkdir(parents=True, exist_ok=True)
@@ -98,13 +121,33 @@ def main(suite, *arguments):
         fcntl.flock(os.open("/", os.O_RDONLY), fcntl.LOCK_EX)
     print(f"{suite}: {place}", flush=True)
     return subprocess.call(
-        [*start, python(), "-B", "-m", "pytest", "-p", "no:cacheprovider", "-q", "-rfE", "--tb=short",
-         f"--rootdir={TEST}", f"--basetemp={scratch}", f"--junitxml={BUILD_DIR}/{suite}.xml",
-         "-o", f"junit_suite_name={suite}, {place}", *arguments, str(TEST / suite)],
-        stdin=subprocess.DEVNULL, cwd=TEST)
+        [
+            *start,
+            python(),
+            "-B",
+            "-m",
+            "pytest",
+            "-p",
+            "no:cacheprovider",
+            "-q",
+            "-rfE",
+            "--tb=short",
+            f"--rootdir={TEST}",
+            f"--basetemp={scratch}",
+            f"--junitxml={BUILD_DIR}/{suite}.xml",
+            "-o",
+            f"junit_suite_name={suite}, {place}",
+            *arguments,
+            str(TEST / suite),
+        ],
+        stdin=subprocess.DEVNULL,
+        cwd=TEST,
+    )
 
 
 if __name__ == "__main__":
     if len(sys.argv) < 2 or not (TEST / sys.argv[1]).is_dir():
-        sys.exit(f"usage: run.py SUITE [PYTEST-ARGUMENT...]; '{' '.join(sys.argv[1:2])}' is not a suite")
+        sys.exit(
+            f"usage: run.py SUITE [PYTEST-ARGUMENT...]; '{' '.join(sys.argv[1:2])}' is not a suite"
+        )
     sys.exit(main(*sys.argv[1:]))

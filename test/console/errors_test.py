@@ -14,7 +14,9 @@ COMPLETE = STARTED + expected.COMPLETE
 
 def by_function(*cases):
     """Parameters for (function, standard output, calls), named by the function."""
-    return pytest.mark.parametrize("function, stdout, calls", cases, ids=[case[0] for case in cases])
+    return pytest.mark.parametrize(
+        "function, stdout, calls", cases, ids=[case[0] for case in cases]
+    )
 
 
 @by_function(
@@ -31,25 +33,37 @@ def by_function(*cases):
     ("DetachCurrentThread", STARTED, CALLS[:12] + DESTRUCTION),
 )
 def test_a_runtime_error_out_of_any_call_is_reported_with_the_vm_destroyed(
-        system_wide, function, stdout, calls):
+    system_wide, function, stdout, calls
+):
     if platform.FOREIGN_ERRORS:
         impossible("the runtime's C++ library is another than the program's")
-    assert (system_wide.run(b"a", error="runtime_error " + function) ==
-            Run(1, stdout, expected.vm_error(b"a runtime error"), calls))
+    assert system_wide.run(b"a", error="runtime_error " + function) == Run(
+        1, stdout, expected.vm_error(b"a runtime error"), calls
+    )
 
 
-@pytest.mark.parametrize("error, kind, what", [
-    ("int", b"int", None),
-    ("logic_error", b"std::logic_error", b"a logic error"),
-], ids=["int", "logic_error"])
+@pytest.mark.parametrize(
+    "error, kind, what",
+    [
+        ("int", b"int", None),
+        ("logic_error", b"std::logic_error", b"a logic error"),
+    ],
+    ids=["int", "logic_error"],
+)
 @by_function(
     ("JNI_CreateJavaVM", BEFORE_VM, CALLS[:1]),
     ("CallStaticVoidMethod", STARTED, CALLS[:10]),
 )
-def test_an_error_of_another_kind_aborts_the_run(system_wide, error, kind, what, function, stdout, calls):
-    assert (system_wide.run(b"a", error=f"{error} {function}") ==
-            Run(ABORTED, stdout, platform.terminated(kind, what, thrown_by_runtime=True), calls,
-                normal_end=False))
+def test_an_error_of_another_kind_aborts_the_run(
+    system_wide, error, kind, what, function, stdout, calls
+):
+    assert system_wide.run(b"a", error=f"{error} {function}") == Run(
+        ABORTED,
+        stdout,
+        platform.terminated(kind, what, thrown_by_runtime=True),
+        calls,
+        normal_end=False,
+    )
 
 
 @by_function(

@@ -9,13 +9,19 @@ from support.launcher import ABORTED, LIBRARY, PER_USER, PROGRAM, Run, finished
 def assert_home(launcher, program, home, cwd=None):
     """A per-user run of the program, from /Applications by default, has this home."""
     launcher.put_override_file(b"-Xmx2g\n", os.fsdecode(home))
-    assert launcher.run(PER_USER, program=program, cwd=cwd) == finished(home=home, lines=[b"-Xmx2g"])
+    assert launcher.run(PER_USER, program=program, cwd=cwd) == finished(
+        home=home, lines=[b"-Xmx2g"]
+    )
 
 
 def assert_out_of_range(launcher, program, directory_size, cwd=None):
     assert launcher.run(PER_USER, b"a", program=program, cwd=cwd) == Run(
-        ABORTED, expected.launching(b"/Users/"), platform.out_of_range(directory_size), [],
-        normal_end=False)
+        ABORTED,
+        expected.launching(b"/Users/"),
+        platform.out_of_range(directory_size),
+        [],
+        normal_end=False,
+    )
 
 
 def long_path(size):
@@ -26,33 +32,60 @@ def long_path(size):
     return path + "d" * (size - len(path) - len("/OrvaneService")) + "/OrvaneService"
 
 
-@pytest.mark.parametrize("program", [
-    "/OrvaneService", "/Users/alice/OrvaneService", pytest.param(long_path(1025), id="of 1025 bytes"),
-])
-def test_the_paths_of_a_system_wide_run_do_not_depend_on_the_programs_location(system_wide, program):
+@pytest.mark.parametrize(
+    "program",
+    [
+        "/OrvaneService",
+        "/Users/alice/OrvaneService",
+        pytest.param(long_path(1025), id="of 1025 bytes"),
+    ],
+)
+def test_the_paths_of_a_system_wide_run_do_not_depend_on_the_programs_location(
+    system_wide, program
+):
     system_wide.root.put(program, PROGRAM)
     assert system_wide.run(program=program) == finished()
 
 
-@pytest.mark.parametrize("program, home", [
-    pytest.param(b"/Users/alice/OrvaneService", b"/Users/alice", id="in the home itself"),
-    pytest.param(b"/Users/al ice\xff\\/bin/OrvaneService", b"/Users/al ice\xff\\",
-                 id="with a space and other bytes than UTF-8"),
-    pytest.param(b"/Volumes/Data/Users/user2/App/OrvaneService", b"/Users/user2",
-                 id="what precedes Users is dropped"),
-    pytest.param(b"/Users/first/Users/second/OrvaneService", b"/Users/first", id="the first Users counts"),
-    pytest.param(b"/Users/OrvaneService", b"/Users/", id="among the homes it has no name"),
-    pytest.param(b"/Applications/OrvaneService", b"/Users/cations",
-                 id="outside any home it is cut from the path"),
-    pytest.param(b"/sixth/service", b"/Users/", id="in a directory of six bytes it has no name"),
-])
+@pytest.mark.parametrize(
+    "program, home",
+    [
+        pytest.param(b"/Users/alice/OrvaneService", b"/Users/alice", id="in the home itself"),
+        pytest.param(
+            b"/Users/al ice\xff\\/bin/OrvaneService",
+            b"/Users/al ice\xff\\",
+            id="with a space and other bytes than UTF-8",
+        ),
+        pytest.param(
+            b"/Volumes/Data/Users/user2/App/OrvaneService",
+            b"/Users/user2",
+            id="what precedes Users is dropped",
+        ),
+        pytest.param(
+            b"/Users/first/Users/second/OrvaneService", b"/Users/first", id="the first Users counts"
+        ),
+        pytest.param(b"/Users/OrvaneService", b"/Users/", id="among the homes it has no name"),
+        pytest.param(
+            b"/Applications/OrvaneService",
+            b"/Users/cations",
+            id="outside any home it is cut from the path",
+        ),
+        pytest.param(
+            b"/sixth/service", b"/Users/", id="in a directory of six bytes it has no name"
+        ),
+    ],
+)
 def test_the_programs_path_names_the_home(system_wide, program, home):
     system_wide.root.put(program, PROGRAM)
     assert_home(system_wide, program, home)
 
 
-@pytest.mark.parametrize("program, size", [("/service", 0), ("/five/service", 5), ("/a\\service", 2)])
-def test_a_program_in_a_directory_of_fewer_than_six_bytes_aborts_per_user(system_wide, program, size):
+@pytest.mark.parametrize(
+    "program, size", [("/service", 0), ("/five/service", 5), ("/a\\service", 2)]
+)
+def test_a_program_in_a_directory_of_fewer_than_six_bytes_aborts_per_user(
+    system_wide, program, size
+):
     system_wide.root.put(program, PROGRAM)
     assert_out_of_range(system_wide, program, size)
 
@@ -64,13 +97,20 @@ def test_a_program_path_of_up_to_1023_bytes_is_known(system_wide, size):
 
 @pytest.mark.parametrize("size", [1024, 1025])
 def test_a_longer_program_path_aborts_per_user(system_wide, size):
-    assert_out_of_range(system_wide, system_wide.root.put(long_path(size), PROGRAM), directory_size=0)
+    assert_out_of_range(
+        system_wide, system_wide.root.put(long_path(size), PROGRAM), directory_size=0
+    )
 
 
-@pytest.mark.parametrize("program, cwd", [
-    ("./OrvaneService", "MacOS"), ("../MacOS/OrvaneService", "MacOS"),
-    ("../MacOS/OrvaneService", "Resources"), (".//OrvaneService", "MacOS"),
-])
+@pytest.mark.parametrize(
+    "program, cwd",
+    [
+        ("./OrvaneService", "MacOS"),
+        ("../MacOS/OrvaneService", "MacOS"),
+        ("../MacOS/OrvaneService", "Resources"),
+        (".//OrvaneService", "MacOS"),
+    ],
+)
 def test_a_relative_start_takes_the_working_directory(per_user, program, cwd):
     assert_home(per_user, program, b"/Users/alice", f"{per_user.contents}/{cwd}")
 
@@ -97,9 +137,11 @@ def test_links_and_dots_in_the_programs_path_are_not_resolved(system_wide):
     system_wide.root.put("/Users/alice/bin/OrvaneService", PROGRAM)
     system_wide.root.path("/Users/bob").symlink_to("alice")
     system_wide.root.directory("/Users/dave").joinpath("start").symlink_to(system_wide.program)
-    for program, home in (("/Users/bob/bin/OrvaneService", b"/Users/bob"),
-                          ("/Users/dave/start", b"/Users/dave"),
-                          ("/Users/dave/../alice/./bin/OrvaneService", b"/Users/dave")):
+    for program, home in (
+        ("/Users/bob/bin/OrvaneService", b"/Users/bob"),
+        ("/Users/dave/start", b"/Users/dave"),
+        ("/Users/dave/../alice/./bin/OrvaneService", b"/Users/dave"),
+    ):
         assert_home(system_wide, program, home)
 
 

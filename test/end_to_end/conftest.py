@@ -8,9 +8,9 @@ HOMES = {"system-wide": "", "per-user": "/Users/alice", "second JDK": "/Users/bo
 @pytest.fixture(scope="session", autouse=True)
 def jdks(record_testsuite_property):
     """Says in the results which JDKs the suite runs over."""
-    places = [APPLICATIONS, SECOND_APPLICATIONS][:len(JDKS)]
+    places = [APPLICATIONS, SECOND_APPLICATIONS][: len(JDKS)]
     versions = [java_version(place) for place in places if place.exists()]
-    none = ["no second one in /usr/lib/jvm or named by SECOND_JDK"][len(JDKS) - 1:]
+    none = ["no second one in /usr/lib/jvm or named by SECOND_JDK"][len(JDKS) - 1 :]
     record_testsuite_property("JDK", ", ".join(versions + none))
 
 

@@ -12,17 +12,27 @@ from support.launcher import ABORTED
 def test_a_jar_without_the_service_is_reported(copied, jar):
     copied.replace(CDS_ARCHIVE, None)  # JDK 21 and later warn that it belongs to another jar
     copied.replace(JAR, jar)
-    assert copied.run("a") == (1, copied.until_vm(b"a"), expected.vm_error(
-        b"Class Error. Couldn't find parent class 'com/vaultory/service/QRService'"))
+    assert copied.run("a") == (
+        1,
+        copied.until_vm(b"a"),
+        expected.vm_error(
+            b"Class Error. Couldn't find parent class 'com/vaultory/service/QRService'"
+        ),
+    )
 
 
 @with_every_jdk
 @pytest.mark.parametrize("option", [b"-Xmx12q", b"-Xmx2g\r", b"-Xmx2g ", b"-Xmx2g -Xms1g"])
 def test_a_heap_size_that_the_VM_cannot_read_is_reported(bundle, root, option):
     root.put(bundle.override_file, option + b"\n")
-    assert bundle.run("a") == (1, bundle.until_vm(b"a", lines=[option]),
-                               b"Invalid maximum heap size: " + option + b"\n" +
-                               expected.vm_error(b"Error creating JVM: -6"))
+    assert bundle.run("a") == (
+        1,
+        bundle.until_vm(b"a", lines=[option]),
+        b"Invalid maximum heap size: "
+        + option
+        + b"\n"
+        + expected.vm_error(b"Error creating JVM: -6"),
+    )
 
 
 def assert_no_service(result, statuses, head):
@@ -30,7 +40,7 @@ def assert_no_service(result, statuses, head):
     assert result.status in statuses
     assert result.stdout.startswith(head)
     assert expected.STARTING not in result.stdout
-    assert result.stdout[len(head):] + result.stderr
+    assert result.stdout[len(head) :] + result.stderr
 
 
 @with_every_jdk
@@ -48,8 +58,10 @@ def test_where_the_VM_finds_no_memory_the_service_does_not_start(bundle, megabyt
     assert_no_service(result, [1], bundle.until_vm(b"a"))
 
 
-@pytest.mark.parametrize("name, size", [
-    ("modules", 0), ("modules", 1000), ("libjava", 0), ("libjava", 100), ("libjimage", 0)])
+@pytest.mark.parametrize(
+    "name, size",
+    [("modules", 0), ("modules", 1000), ("libjava", 0), ("libjava", 100), ("libjimage", 0)],
+)
 def test_with_a_damaged_runtime_the_service_does_not_start(copied, name, size):
     if name != "modules":
         name += ".so" if LINUX else ".dylib"

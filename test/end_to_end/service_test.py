@@ -10,8 +10,11 @@ from support.bundle import CDS_ARCHIVE, JAR, java_version, with_every_jdk
 
 RUNNING = b"Running until a signal ends it.\n"
 STATES = {  # of a complete installation that has not been upgraded yet
-    "orv.log.config": "file", "orv.service.bin.path": "directory", "java.library.path": "directory",
-    "jna.library.path": "directory", "orv.config.defaultPath": "directory",
+    "orv.log.config": "file",
+    "orv.service.bin.path": "directory",
+    "java.library.path": "directory",
+    "jna.library.path": "directory",
+    "orv.config.defaultPath": "directory",
     "orv.service.upgrade.path": "missing",
 }
 
@@ -39,7 +42,10 @@ def test_the_service_gets_what_the_launcher_passes(bundle):
         "paths": [
             {"state": "file", "name": "java.class.path", "path": "../Resources/" + JAR},
             {"state": "directory", "name": "java.class.path", "path": "../Resources/lang"},
-            *({"state": state, "name": name, "path": values[name]} for name, state in STATES.items()),
+            *(
+                {"state": state, "name": name, "path": values[name]}
+                for name, state in STATES.items()
+            ),
         ],
         "messages": "found",
         "missing": ["orv.service.upgrade.path"],
@@ -47,17 +53,35 @@ def test_the_service_gets_what_the_launcher_passes(bundle):
 
 
 def test_arguments_arrive_byte_for_byte(bundle):
-    arguments = ["", " ", "two words", "two\nlines", "\ttab", "Grüße", "日本", '"quoted"', "back\\slash",
-                 "a-b", "é" * 3000]
+    arguments = [
+        "",
+        " ",
+        "two words",
+        "two\nlines",
+        "\ttab",
+        "Grüße",
+        "日本",
+        '"quoted"',
+        "back\\slash",
+        "a-b",
+        "é" * 3000,
+    ]
     encoded = [argument.encode() for argument in arguments]
     assert bundle.report(bundle.run(*encoded), *encoded)["arguments"] == arguments
 
 
 def test_the_lines_of_the_override_file_take_effect(bundle, root):
-    lines = [b"-Xmx64m", b"-Dorv.security.mode=strict\r"]  # the carriage return is part of the value
+    lines = [
+        b"-Xmx64m",
+        b"-Dorv.security.mode=strict\r",
+    ]  # the carriage return is part of the value
     root.put(bundle.override_file, b"".join(line + b"\n" for line in lines))
-    report = bundle.report(bundle.run("a", tool_options="-XX:+UseG1GC"), b"a", lines=lines,
-                           stderr=picked_up("-XX:+UseG1GC"))
+    report = bundle.report(
+        bundle.run("a", tool_options="-XX:+UseG1GC"),
+        b"a",
+        lines=lines,
+        stderr=picked_up("-XX:+UseG1GC"),
+    )
     assert report["heap"]["maximum"] == 64 << 20
     assert report["properties"]["orv.security.mode"] == "strict\r"
 
@@ -66,9 +90,11 @@ def test_an_exception_that_leaves_main_gives_status_0(bundle):
     result = bundle.run("throw", "No disk.")
     trace = re.sub(rb":\d+\)", b":N)", result.stderr)
     assert result._replace(stderr=trace) == (
-        0, bundle.until_main(b"throw", b"No disk.") + expected.COMPLETE,
+        0,
+        bundle.until_main(b"throw", b"No disk.") + expected.COMPLETE,
         b'Exception in thread "main" java.lang.IllegalStateException: No disk.\n'
-        b"\tat com.vaultory.service.QRService.main(QRService.java:N)\n")
+        b"\tat com.vaultory.service.QRService.main(QRService.java:N)\n",
+    )
 
 
 @with_every_jdk
@@ -99,16 +125,23 @@ def test_SIGQUIT_writes_a_thread_dump_and_the_service_continues(bundle):
 
 def test_a_remaining_thread_keeps_the_process_running_after_completion(bundle):
     assert bundle.run("linger", "1") == (
-        0, bundle.until_main(b"linger", b"1") + b"Returning with a thread still running.\n" +
-        expected.COMPLETE + b"The remaining thread has ended.\n", b"")
+        0,
+        bundle.until_main(b"linger", b"1")
+        + b"Returning with a thread still running.\n"
+        + expected.COMPLETE
+        + b"The remaining thread has ended.\n",
+        b"",
+    )
 
 
 @with_every_jdk
 def test_the_VMs_own_check_of_JNI_calls_finds_nothing(bundle):
     arguments = [b"version", b"", "Grüße".encode()]
     assert bundle.run(*arguments, tool_options="-Xcheck:jni") == (
-        0, bundle.until_main(*arguments) + f"{VERSION}\n".encode() + expected.COMPLETE,
-        picked_up("-Xcheck:jni"))
+        0,
+        bundle.until_main(*arguments) + f"{VERSION}\n".encode() + expected.COMPLETE,
+        picked_up("-Xcheck:jni"),
+    )
 
 
 @with_every_jdk
@@ -125,9 +158,18 @@ def test_without_a_CDS_archive_or_with_a_truncated_one_the_service_runs(copied, 
     # JDK 21 and later warn on standard output.
     stdout = re.sub(rb"\[[\d.]+s\]\[warning\]\[cds\] .*\n", b"", result.stdout)
     assert result._replace(stdout=stdout) == (
-        0, copied.until_main(b"version") + f"{VERSION}\n".encode() + expected.COMPLETE, b"")
+        0,
+        copied.until_main(b"version") + f"{VERSION}\n".encode() + expected.COMPLETE,
+        b"",
+    )
 
 
 def test_the_program_in_the_bin_directory_prints_the_version_alone(copied):
-    copied.replace(JAR, copied.resource(JAR).read_bytes())  # of another time: the archive does not fit
-    assert copied.root.run([copied.resource("bin/service-version")]) == (0, f"{VERSION}\n".encode(), b"")
+    copied.replace(
+        JAR, copied.resource(JAR).read_bytes()
+    )  # of another time: the archive does not fit
+    assert copied.root.run([copied.resource("bin/service-version")]) == (
+        0,
+        f"{VERSION}\n".encode(),
+        b"",
+    )

@@ -25,7 +25,7 @@ def test_killed_at_any_moment_it_has_written_a_prefix_of_its_output_and_leaves_n
             ends.append(process.finish())
     assert KILLED in [end.status for end in ends]
     for end in ends:
-        assert end == whole or end == (KILLED, whole.stdout[:len(end.stdout)], b"")
+        assert end == whole or end == (KILLED, whole.stdout[: len(end.stdout)], b"")
     assert files(bundle) == before
     assert bundle.run("version") == whole
 

@@ -20,10 +20,19 @@ def launcher(per_user):
 
 def run_failing(launcher, allocation):
     """The run in which the allocation of this number, from 1, fails, and how many there were."""
-    run = launcher.run(PER_USER, *ARGUMENTS, env={
-        "LD_PRELOAD": INJECTOR, "ALLOCATION_FAULT": str(allocation),
-        "ALLOCATIONS": SCRATCH + "/allocations"})
-    return run, int(launcher.root.path(SCRATCH + "/allocations").read_text()) if run.status == 0 else None
+    run = launcher.run(
+        PER_USER,
+        *ARGUMENTS,
+        env={
+            "LD_PRELOAD": INJECTOR,
+            "ALLOCATION_FAULT": str(allocation),
+            "ALLOCATIONS": SCRATCH + "/allocations",
+        },
+    )
+    return (
+        run,
+        int(launcher.root.path(SCRATCH + "/allocations").read_text()) if run.status == 0 else None,
+    )
 
 
 def test_whichever_allocation_fails_the_run_aborts_there(launcher):
@@ -38,8 +47,8 @@ def test_whichever_allocation_fails_the_run_aborts_there(launcher):
             went_on.append(allocation)
             continue
         assert (run.status, run.stderr) == (ABORTED, OUT_OF_MEMORY), allocation
-        assert run.stdout == whole.stdout[:len(run.stdout)], allocation
-        assert run.calls == whole.calls[:len(run.calls)], allocation
+        assert run.stdout == whole.stdout[: len(run.stdout)], allocation
+        assert run.calls == whole.calls[: len(run.calls)], allocation
         assert expected.COMPLETE not in run.stdout, allocation
     assert len(went_on) <= platform.SPARE_ALLOCATIONS
 

@@ -13,10 +13,14 @@ CONTENT = b"".join(line + b"\n" for line in LINES)
 TRACE = SCRATCH + "/trace"
 
 # Calls that touch neither a file's content nor another process, and those of the dynamic loader.
-HARMLESS = (r"brk|mmap|munmap|mprotect|futex|getrandom|arch_prctl|set_tid_address|set_robust_list|"
-            r"rseq|prlimit64|gettid|getpid|(newfstatat|fstat|lseek)\(\d")
-LOADER = (r'execve\(|getcwd\(|f?access(at)?\(.*ld\.so|openat\(.*\.so[.\d]*(cache)?", O_RDONLY\|O|'
-          r"(read|pread64|close)\(\d+<[^>]*\.so[.\d]*(cache)?>")
+HARMLESS = (
+    r"brk|mmap|munmap|mprotect|futex|getrandom|arch_prctl|set_tid_address|set_robust_list|"
+    r"rseq|prlimit64|gettid|getpid|(newfstatat|fstat|lseek)\(\d"
+)
+LOADER = (
+    r'execve\(|getcwd\(|f?access(at)?\(.*ld\.so|openat\(.*\.so[.\d]*(cache)?", O_RDONLY\|O|'
+    r"(read|pread64|close)\(\d+<[^>]*\.so[.\d]*(cache)?>"
+)
 
 
 @pytest.fixture
@@ -32,7 +36,9 @@ def summary(trace):
     for line in re.sub(r"^\d+ +", "", trace, flags=re.MULTILINE).splitlines():
         if re.match(HARMLESS, line) or not found and re.match(LOADER, line):
             continue
-        call = re.match(r'(\w*)\(?(?:AT_FDCWD<.*>, ".*/(.*)", ([A-Z_|]+)|(\d*)(?:<.*/(.*)>)?)', line)
+        call = re.match(
+            r'(\w*)\(?(?:AT_FDCWD<.*>, ".*/(.*)", ([A-Z_|]+)|(\d*)(?:<.*/(.*)>)?)', line
+        )
         words = " ".join(filter(None, call.groups()))
         if words and found[-1:] != [words]:
             found.append(words)
@@ -43,22 +49,45 @@ WITHOUT_FILE = ["write 1", "openat jvm_args O_RDONLY", "write 1"]
 WITH_FILE = [*WITHOUT_FILE, "read 3 jvm_args", "close 3 jvm_args", "write 1"]
 
 
-@pytest.mark.parametrize("arguments, behaviour, calls", [
-    pytest.param([b"a"], {}, [*WITH_FILE, "exit_group 0"], id="system-wide"),
-    pytest.param([b"-Duser.install=1"], {}, [*WITHOUT_FILE, "exit_group 0"], id="without an override file"),
-    pytest.param([b"-x"], {}, ["write 1", "write 2", "exit_group 1"], id="rejected argument"),
-    pytest.param([], {"create_status": -1}, [*WITH_FILE, "write 2", "exit_group 1"], id="no VM"),
-])
+@pytest.mark.parametrize(
+    "arguments, behaviour, calls",
+    [
+        pytest.param([b"a"], {}, [*WITH_FILE, "exit_group 0"], id="system-wide"),
+        pytest.param(
+            [b"-Duser.install=1"],
+            {},
+            [*WITHOUT_FILE, "exit_group 0"],
+            id="without an override file",
+        ),
+        pytest.param([b"-x"], {}, ["write 1", "write 2", "exit_group 1"], id="rejected argument"),
+        pytest.param(
+            [], {"create_status": -1}, [*WITH_FILE, "write 2", "exit_group 1"], id="no VM"
+        ),
+    ],
+)
 def test_a_run_reads_the_override_file_writes_its_two_streams_and_does_nothing_else(
-        launcher, arguments, behaviour, calls):
-    launcher.run(*arguments, record="", **behaviour, prefix=["strace", "-f", "-y", "-o", TRACE, "--"])
+    launcher, arguments, behaviour, calls
+):
+    launcher.run(
+        *arguments, record="", **behaviour, prefix=["strace", "-f", "-y", "-o", TRACE, "--"]
+    )
     assert summary(launcher.root.path(TRACE).read_text()) == calls
 
 
 def run_failing(launcher, call, error, number, onwards=""):
     """The run in which this call fails, and its calls on the override file as (name, result)."""
-    run = launcher.run(prefix=["strace", "-o", TRACE, "-P", OVERRIDE_FILE, "-e",
-                               f"inject={call}:error={error}:when={number}{onwards}", "--"])
+    run = launcher.run(
+        prefix=[
+            "strace",
+            "-o",
+            TRACE,
+            "-P",
+            OVERRIDE_FILE,
+            "-e",
+            f"inject={call}:error={error}:when={number}{onwards}",
+            "--",
+        ]
+    )
     trace = launcher.root.path(TRACE).read_text()
     calls = re.findall(r"^(\w+)\(.*\) += (-?\d+)", trace, re.MULTILINE)
     assert [result for name, result in calls if name == call][number - 1] == "-1"

@@ -22,8 +22,9 @@ class Slice:
 
     def printed(self, pattern, tool, *options):
         """All that the pattern finds in what a tool prints, in order."""
-        text = subprocess.run(["llvm-" + tool, *options, self.file], stdout=subprocess.PIPE, check=True,
-                              text=True).stdout
+        text = subprocess.run(
+            ["llvm-" + tool, *options, self.file], stdout=subprocess.PIPE, check=True, text=True
+        ).stdout
         return re.findall(pattern, text, re.MULTILINE)
 
 
@@ -32,7 +33,10 @@ def slices():
     magic, count = struct.unpack_from(">II", data)
     assert magic == 0xCAFEBABE
     headers = [struct.unpack_from(">5I", data, 8 + 20 * index) for index in range(count)]
-    return [(PROCESSORS[processor], data[offset:offset + size]) for processor, _, offset, size, _ in headers]
+    return [
+        (PROCESSORS[processor], data[offset : offset + size])
+        for processor, _, offset, size, _ in headers
+    ]
 
 
 @pytest.fixture(params=["x86_64", "arm64"])
@@ -42,33 +46,51 @@ def macho(request, tmp_path):
 
 
 def test_it_is_a_position_independent_program_for_its_processor(macho):
-    assert macho.printed(r"^ *MH_MAGIC_64 +(\w+) +ALL +0x00 +(\w+) .*\b(TWOLEVEL PIE)$", "otool", "-hv") == [
-        (macho.file.name.upper(), "EXECUTE", "TWOLEVEL PIE")]
+    assert macho.printed(
+        r"^ *MH_MAGIC_64 +(\w+) +ALL +0x00 +(\w+) .*\b(TWOLEVEL PIE)$", "otool", "-hv"
+    ) == [(macho.file.name.upper(), "EXECUTE", "TWOLEVEL PIE")]
 
 
 def test_it_runs_from_macOS_11_on(macho):
-    assert macho.printed(r"cmd (LC_BUILD_VERSION|LC_VERSION_MIN\w*)\n.*\n +platform (\w+)\n.*\n +minos (.*)$",
-                         "otool", "-l") == [("LC_BUILD_VERSION", "macos", "11.0")]
+    assert macho.printed(
+        r"cmd (LC_BUILD_VERSION|LC_VERSION_MIN\w*)\n.*\n +platform (\w+)\n.*\n +minos (.*)$",
+        "otool",
+        "-l",
+    ) == [("LC_BUILD_VERSION", "macos", "11.0")]
 
 
 def test_its_run_paths_are_those_of_the_runtime_in_the_bundle(macho):
     assert macho.printed(r"cmd LC_RPATH\n.*\n +path (.*) \(offset", "otool", "-l") == [
-        "../Resources/jre/lib/server", "../Resources/jre/lib/jli"]
+        "../Resources/jre/lib/server",
+        "../Resources/jre/lib/jli",
+    ]
 
 
 def test_it_needs_the_runtime_library_and_the_system_only(macho):
     # Weak, re-exported, lazy and upward ones would be listed too.
     assert macho.printed(r"cmd (LC_\w+_DYLIB)\n.*\n +name (.*) \(offset", "otool", "-l") == [
-        ("LC_LOAD_DYLIB", "@rpath/libjvm.dylib"), ("LC_LOAD_DYLIB", "/usr/lib/libSystem.B.dylib")]
+        ("LC_LOAD_DYLIB", "@rpath/libjvm.dylib"),
+        ("LC_LOAD_DYLIB", "/usr/lib/libSystem.B.dylib"),
+    ]
 
 
 def test_the_loader_binds_one_symbol_of_the_runtime_and_no_more_than_is_asked_for(macho):
-    asked = macho.printed(r"\(undefined\) (?:weak )?external (\w+) \(from (\w+)\)", "nm", "-u", "-m")
-    bound = macho.printed(r"^__DATA.* (?=lib)(\w+) +(\w+)$", "objdump", "--macho", "--bind", "--lazy-bind",
-                          "--weak-bind")
+    asked = macho.printed(
+        r"\(undefined\) (?:weak )?external (\w+) \(from (\w+)\)", "nm", "-u", "-m"
+    )
+    bound = macho.printed(
+        r"^__DATA.* (?=lib)(\w+) +(\w+)$",
+        "objdump",
+        "--macho",
+        "--bind",
+        "--lazy-bind",
+        "--weak-bind",
+    )
     assert [symbol for symbol, library in asked if library == "libjvm"] == ["_JNI_CreateJavaVM"]
     assert ("libjvm", "_JNI_CreateJavaVM") in bound
-    assert bound.count(("libSystem", "__NSGetExecutablePath")) == 1  # its own path is what the system says
+    assert (
+        bound.count(("libSystem", "__NSGetExecutablePath")) == 1
+    )  # its own path is what the system says
     assert {(symbol, library) for library, symbol in bound} <= set(asked)
 
 
@@ -81,7 +103,15 @@ def test_another_build_directory_gives_the_same_bytes(tmp_path):
     cache = str(ROOT / "build/zig/cache")
     environment = {**os.environ, "ZIG_GLOBAL_CACHE_DIR": cache, "ZIG_LOCAL_CACHE_DIR": cache}
     other = tmp_path / "another one"
-    for options in ["--preset", "macos-x86_64", "-B", other], ["--build", other, "--target", "OrvaneService"]:
-        subprocess.run(["cmake", *options], cwd=ROOT, stdout=subprocess.PIPE, check=True, env=environment)
-    assert filecmp.cmp(ROOT / "build/macos-x86_64/src/OrvaneService", other / "src/OrvaneService",
-                       shallow=False)
+    for options in ["--preset", "macos-x86_64", "-B", other], [
+        "--build",
+        other,
+        "--target",
+        "OrvaneService",
+    ]:
+        subprocess.run(
+            ["cmake", *options], cwd=ROOT, stdout=subprocess.PIPE, check=True, env=environment
+        )
+    assert filecmp.cmp(
+        ROOT / "build/macos-x86_64/src/OrvaneService", other / "src/OrvaneService", shallow=False
+    )

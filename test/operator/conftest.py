@@ -13,6 +13,7 @@ from support import impossible, unavailable  # noqa: E402
 def users():
     """Other accounts than root, to whom files and processes can belong."""
     from support.root import USER
+
     if USER is None:
         impossible("there is no ordinary user in this namespace")
 
@@ -23,6 +24,7 @@ def machine(request):
     if os.environ.get("NO_ROOT") or os.geteuid() != 0:
         unavailable(os.environ.get("NO_ROOT") or "root's scripts are tested as root")
     from machine import Machine
+
     user = getattr(request, "param", "system") == "user"
     if user:
         request.getfixturevalue("users")

@@ -15,13 +15,17 @@ UNSIGNED = "code object is not signed at all"
 
 
 def run(command, **options):
-    done = subprocess.run(command, timeout=30, stderr=subprocess.PIPE, **{"stdout": subprocess.PIPE, **options})
+    done = subprocess.run(
+        command, timeout=30, stderr=subprocess.PIPE, **{"stdout": subprocess.PIPE, **options}
+    )
     return done.returncode, done.stdout, done.stderr
 
 
 def checker(machine):
-    return [machine.script(MAC / "new/1/Orvane.app", "check-install")[0],
-            *(["--user", ALICE.pw_name] if machine.uid else [])]
+    return [
+        machine.script(MAC / "new/1/Orvane.app", "check-install")[0],
+        *(["--user", ALICE.pw_name] if machine.uid else []),
+    ]
 
 
 @pytest.mark.parametrize("number", [1, 2, 4, 6, 8])
@@ -42,22 +46,37 @@ def test_a_launchctl_that_fails_once_is_not_taken_for_an_answer(machine):
     print_job, version = machine.model.print, "1"
     for number in (2, 4, 5):
         version, calls = {"1": "2", "2": "1"}[version], iter(range(1, 5000))
-        machine.model.print = lambda *arguments: (5, "", "5: Input/output error\n") if (
-            next(calls) == number) else print_job(*arguments)
+        machine.model.print = (
+            lambda *arguments: (5, "", "5: Input/output error\n")
+            if (next(calls) == number)
+            else print_job(*arguments)
+        )
         status, text = machine.install(version)
         assert (status, machine.seen()[0]) == (0, version), text
 
 
-@pytest.mark.parametrize("says, message", [
-    (f"{UNSIGNED}\nIn subcomponent: /x", f"the signature of SOURCE is not valid: {UNSIGNED}?In subcomponent: /x"),
-    (f"changed\nfile added: {UNSIGNED}", f"the signature of SOURCE is not valid: changed?file added: {UNSIGNED}"),
-    (UNSIGNED, f"the signature of SOURCE is not valid: {UNSIGNED}"),
-    ("", "Orvane.app is not signed, but the installed one is")])
+@pytest.mark.parametrize(
+    "says, message",
+    [
+        (
+            f"{UNSIGNED}\nIn subcomponent: /x",
+            f"the signature of SOURCE is not valid: {UNSIGNED}?In subcomponent: /x",
+        ),
+        (
+            f"changed\nfile added: {UNSIGNED}",
+            f"the signature of SOURCE is not valid: changed?file added: {UNSIGNED}",
+        ),
+        (UNSIGNED, f"the signature of SOURCE is not valid: {UNSIGNED}"),
+        ("", "Orvane.app is not signed, but the installed one is"),
+    ],
+)
 def test_only_a_bundle_without_any_signature_is_installed_unsigned(machine, says, message):
     machine.good("1")
     machine.bundle("2", team="x" if says else "")
     if says:
-        machine.stand_in("codesign", f'for path; do :; done; printf "%s: {says}\n" "$path" >&2; exit 1')
+        machine.stand_in(
+            "codesign", f'for path; do :; done; printf "%s: {says}\n" "$path" >&2; exit 1'
+        )
     status, text = machine.call("2")
     assert (status, text.splitlines()[1:]) == (1, [f"install: {message}; nothing was changed"])
 
@@ -101,10 +120,16 @@ def test_an_interrupted_check_says_so_with_status_1(machine):
     machine.stand_in("codesign", f"touch {MAC}/begun; exec sleep 50")
     for number in signal.SIGTERM, signal.SIGHUP, signal.SIGINT, signal.SIGALRM:
         delete(MAC / "begun")
-        with subprocess.Popen(checker(machine), stdout=subprocess.PIPE, stderr=subprocess.PIPE) as check:
+        with subprocess.Popen(
+            checker(machine), stdout=subprocess.PIPE, stderr=subprocess.PIPE
+        ) as check:
             machine.wait(lambda _: (MAC / "begun").exists())
             check.send_signal(number)
-            assert (*check.communicate(), check.returncode) == (b"", b"check-install: not finished\n", 1)
+            assert (*check.communicate(), check.returncode) == (
+                b"",
+                b"check-install: not finished\n",
+                1,
+            )
 
 
 def test_versions_may_have_any_characters_or_be_missing(machine):
@@ -112,8 +137,11 @@ def test_versions_may_have_any_characters_or_be_missing(machine):
     assert machine.seen() == ("1_b", "1_b", "1_a", set())
     for version in "2", "3":
         machine.bundle(version)
-        machine.sh("cd $MAC/new/" + version + "; find . -name Info.plist -exec sh -c 'echo \"<plist><dict/></plist>"
-                   "\" >$0' {} ';'; find . -name CodeResources -exec touch {} +")
+        machine.sh(
+            "cd $MAC/new/"
+            + version
+            + "; find . -name Info.plist -exec sh -c 'echo \"<plist><dict/></plist>"
+            "\" >$0' {} ';'; find . -name CodeResources -exec touch {} +"
+        )
         assert machine.call(version)[0] == 0
-    assert "version-2" in (
-        machine.kept / "former" / CONTENTS / "MacOS/OrvaneService").read_text()
+    assert "version-2" in (machine.kept / "former" / CONTENTS / "MacOS/OrvaneService").read_text()

@@ -30,7 +30,9 @@ def call(script, volume="/"):
 
 @pytest.mark.parametrize("status", [0, 3])
 def test_the_bundle_that_was_put_beside_installs_itself(root, stage, status):
-    root.put(INSTALL, b"#!/bin/sh\necho installs by $PATH; echo error >&2; exit %d\n" % status, 0o755)
+    root.put(
+        INSTALL, b"#!/bin/sh\necho installs by $PATH; echo error >&2; exit %d\n" % status, 0o755
+    )
     assert call("postinstall") == (status, "installs by /usr/bin:/bin:/usr/sbin:/sbin\nerror")
     assert not stage.exists()
 
@@ -38,7 +40,9 @@ def test_the_bundle_that_was_put_beside_installs_itself(root, stage, status):
 def test_another_volume_is_rejected_and_what_an_interrupted_installation_left_removed(root, stage):
     root.put(INSTALL, b"")
     assert (call("preinstall", "/Volumes/Other"), stage.exists()) == (
-        (1, "preinstall: '/Volumes/Other' is not the running system; install there"), True)
+        (1, "preinstall: '/Volumes/Other' is not the running system; install there"),
+        True,
+    )
     assert (call("preinstall"), stage.exists()) == ((0, ""), False)
     stage.symlink_to(root.put("/tmp/orvane/others/file", b"").parent)
     assert (call("preinstall"), os.path.lexists(stage)) == ((0, ""), False)
@@ -46,15 +50,27 @@ def test_another_volume_is_rejected_and_what_an_interrupted_installation_left_re
 
 
 @pytest.mark.parametrize("directory", ["/Library", PARENT])
-@pytest.mark.parametrize("change, undo", [
-    ("chmod 775", "chmod 755"), ("chmod 757", "chmod 755"), ("chown 1", "chown 0"),
-    ('s() { mv "$1" "$1.real" && ln -s "$1.real" "$1"; }; s', 's() { rm "$1" && mv "$1.real" "$1"; }; s')])
+@pytest.mark.parametrize(
+    "change, undo",
+    [
+        ("chmod 775", "chmod 755"),
+        ("chmod 757", "chmod 755"),
+        ("chown 1", "chown 0"),
+        (
+            's() { mv "$1" "$1.real" && ln -s "$1.real" "$1"; }; s',
+            's() { rm "$1" && mv "$1.real" "$1"; }; s',
+        ),
+    ],
+)
 def test_nothing_is_put_where_others_may_write(root, stage, directory, change, undo):
     if not LINUX or subprocess.run(["sh", "-c", change + ' "$0"', directory]).returncode:
         impossible("a Mac needs them as they are; a namespace can have one user, or a mount there")
     try:
-        assert call("preinstall") == (1, f"preinstall: {directory} must be a directory where only root may "
-                                         "write; chown root, chmod go-w")
+        assert call("preinstall") == (
+            1,
+            f"preinstall: {directory} must be a directory where only root may "
+            "write; chown root, chmod go-w",
+        )
     finally:
         subprocess.run(["sh", "-c", undo + ' "$0"', directory], check=True)
     assert call("preinstall") == (0, "")

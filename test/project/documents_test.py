@@ -17,18 +17,24 @@ def section(text, head, end):
 
 def test_every_link_of_a_document_leads_to_a_file():
     documents = [*ROOT.glob("*.md"), *ROOT.glob("docs/**/*.md"), *ROOT.glob("bench/*.md")]
-    assert [f"{document.relative_to(ROOT)}: {link}" for document in documents
-            for link in re.findall(r"\]\(([^)#:]+)[^):]*\)", document.read_text())
-            if not (document.parent / link).exists()] == []
+    assert [
+        f"{document.relative_to(ROOT)}: {link}"
+        for document in documents
+        for link in re.findall(r"\]\(([^)#:]+)[^):]*\)", document.read_text())
+        if not (document.parent / link).exists()
+    ] == []
 
 
-@pytest.mark.parametrize("file, text, prefix", [
-    ("test/support/allowed_prefixes.txt", r"(?s)(.*)", r"(.+)"),
-    ("operator/install", r"\nallowed='(.*)'\n", r"(-[XD][\w.]+=?)"),
-    ("operator/check-install", r"\nallowed='(.*)'\n", r"(-[XD][\w.]+=?)"),
-    ("docs/operating.md", r"(?s)\n## Override file\n(.*?)\n## ", r"^    (-\S+)"),
-    ("bundle/OrvaneService.8", r"(?s)\n\.Ss The override file\n(.*?)\n\.S", r"^\.Ql (-\S+)"),
-])
+@pytest.mark.parametrize(
+    "file, text, prefix",
+    [
+        ("test/support/allowed_prefixes.txt", r"(?s)(.*)", r"(.+)"),
+        ("operator/install", r"\nallowed='(.*)'\n", r"(-[XD][\w.]+=?)"),
+        ("operator/check-install", r"\nallowed='(.*)'\n", r"(-[XD][\w.]+=?)"),
+        ("docs/operating.md", r"(?s)\n## Override file\n(.*?)\n## ", r"^    (-\S+)"),
+        ("bundle/OrvaneService.8", r"(?s)\n\.Ss The override file\n(.*?)\n\.S", r"^\.Ql (-\S+)"),
+    ],
+)
 def test_every_place_lists_the_prefixes_that_the_launcher_allows(file, text, prefix):
     allowed = re.search(r"(?s)WHITE_LIST_FILE_ARGS = \{(.*?)\}", SOURCES).group(1)
     listed = re.search(text, (ROOT / file).read_text()).group(1).replace("\\", "")
@@ -51,7 +57,12 @@ def test_the_manual_page_has_the_messages_statuses_and_paths_of_the_operators_gu
     data = re.search('DATA_DIR = "(.*)"', SOURCES).group(1) + "/"
     assert len(messages) > 5 and len(statuses) > 3 and len(paths) > 3
     table = section(OPERATING, "## Exit status", "## ")
-    assert [status for status in statuses if not re.search(rf"^\|[^|]*\b{status}\b", table, re.M)] == []
+    assert [
+        status for status in statuses if not re.search(rf"^\|[^|]*\b{status}\b", table, re.M)
+    ] == []
     assert [message for message in messages if message not in OPERATING] == []
-    assert [path for path in ["/" + data.strip("/"), *paths]
-            if f"`{path.removeprefix(data)}" not in OPERATING] == []
+    assert [
+        path
+        for path in ["/" + data.strip("/"), *paths]
+        if f"`{path.removeprefix(data)}" not in OPERATING
+    ] == []

@@ -30,42 +30,79 @@ def command(path, text):
 
 
 def run(checkout, *command, **variables):
-    env = {**os.environ, "PATH": f"{checkout.parent}/bin:{os.environ['PATH']}", "JAVA_HOME": "/", **variables}
+    env = {
+        **os.environ,
+        "PATH": f"{checkout.parent}/bin:{os.environ['PATH']}",
+        "JAVA_HOME": "/",
+        **variables,
+    }
     env = {name: value for name, value in env.items() if name != "CI" or "CI" in variables}
-    return subprocess.run(command, cwd="/", env=env, capture_output=True, text=True, stdin=subprocess.DEVNULL)
+    return subprocess.run(
+        command, cwd="/", env=env, capture_output=True, text=True, stdin=subprocess.DEVNULL
+    )
 
 
-@pytest.mark.parametrize("results, status, last_line", [
-    (PASSED.format(""), 0, "1 of 1 tests executed"),
-    (PASSED.format(""), 8, "1 of 1 tests executed"),
-    (PASSED.format(SUITE), 0, "1 of 1 tests executed"),  # of a suite that wrote no results
-    ("<testsuite/>", 0, "0 of 0 tests executed"),
-])
+@pytest.mark.parametrize(
+    "results, status, last_line",
+    [
+        (PASSED.format(""), 0, "1 of 1 tests executed"),
+        (PASSED.format(""), 8, "1 of 1 tests executed"),
+        (PASSED.format(SUITE), 0, "1 of 1 tests executed"),  # of a suite that wrote no results
+        ("<testsuite/>", 0, "0 of 0 tests executed"),
+    ],
+)
 def test_script_test_fails_if_ctest_or_a_suite_does(checkout, results, status, last_line):
     command(checkout.parent / "bin/cmake", "exit 0\n")
-    command(checkout.parent / "bin/ctest", f"mkdir -p '{checkout}/build/release'\n"
-            f"echo '{results}' >'{checkout}/build/release/tests.xml'\nexit {status}\n")
+    command(
+        checkout.parent / "bin/ctest",
+        f"mkdir -p '{checkout}/build/release'\n"
+        f"echo '{results}' >'{checkout}/build/release/tests.xml'\nexit {status}\n",
+    )
     result = run(checkout, checkout / "script/test")
     assert result.stdout.splitlines()[-1:] == [last_line], result
     assert (result.returncode == 0) == (results == PASSED.format("") and status == 0)
 
 
 def test_a_step_fails_with_the_first_command_of_its_function_that_does(checkout):
-    result = run(checkout, "bash", "-c", f". '{checkout}/script/lib.sh'\n"
-                 "build_all() { echo one; (exit 7); echo two; }\nstep Building build_all\necho after")
+    result = run(
+        checkout,
+        "bash",
+        "-c",
+        f". '{checkout}/script/lib.sh'\n"
+        "build_all() { echo one; (exit 7); echo two; }\nstep Building build_all\necho after",
+    )
     assert (result.returncode, result.stdout) == (7, "")
     assert result.stderr.splitlines()[0] == "one"
     assert result.stderr.splitlines()[1].startswith("Building: failed with status 7 after ")
 
 
-@pytest.mark.parametrize("failing", [None, "check", "cross-macos", "test clang", "test sanitize",
-                                     "test sanitize-clang", "test release"])
+@pytest.mark.parametrize(
+    "failing",
+    [
+        None,
+        "check",
+        "cross-macos",
+        "test clang",
+        "test sanitize",
+        "test sanitize-clang",
+        "test release",
+    ],
+)
 def test_CI_ends_with_the_first_script_that_fails(checkout, failing):
     for name in "check", "cross-macos", "test":
-        command(checkout / "script" / name,
-                f'set -- {name} "$@"; echo "$CI $*"; [ "$*" != "{failing}" ]\n')
-    names = ["check", "cross-macos", "test clang", "test sanitize", "test sanitize-clang", "test release"]
-    expected = names[:names.index(failing) + 1] if failing else names
+        command(
+            checkout / "script" / name,
+            f'set -- {name} "$@"; echo "$CI $*"; [ "$*" != "{failing}" ]\n',
+        )
+    names = [
+        "check",
+        "cross-macos",
+        "test clang",
+        "test sanitize",
+        "test sanitize-clang",
+        "test release",
+    ]
+    expected = names[: names.index(failing) + 1] if failing else names
     result = run(checkout, checkout / ".ci/run")
     assert result.stdout.splitlines() == ["true " + name for name in expected]
     assert result.returncode == (1 if failing else 0)

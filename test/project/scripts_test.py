@@ -5,8 +5,12 @@ import pytest
 
 from support import ROOT
 
-SCRIPTS = [file for place in ("script", "operator", ".ci") for file in sorted((ROOT / place).iterdir())
-           if file.is_file() and file.read_bytes().startswith(b"#!")]
+SCRIPTS = [
+    file
+    for place in ("script", "operator", ".ci")
+    for file in sorted((ROOT / place).iterdir())
+    if file.is_file() and file.read_bytes().startswith(b"#!")
+]
 
 
 @pytest.mark.parametrize("script", SCRIPTS, ids=lambda script: script.name)
@@ -15,4 +19,6 @@ def test_a_script_can_be_called_and_runs_with_the_tools_of_a_mac(script):
     assert os.access(script, os.X_OK)
     assert not re.search(r"grep -\w*[ZP]", text)
     for name in re.findall(r"\b(\w+)=\(\)", text):  # its bash 3.2 takes an empty array for unset
-        assert f"${{#{name}[@]}} -gt 0 ]" in text or not re.search(rf'(?<!\+)"\${{{name}\[@\]}}"', text)
+        assert f"${{#{name}[@]}} -gt 0 ]" in text or not re.search(
+            rf'(?<!\+)"\${{{name}\[@\]}}"', text
+        )

@@ -10,8 +10,9 @@ import pytest
 CONTENTS = "Orvane.app/Contents/Library/LaunchServices/OrvaneService.app/Contents"
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD_DIR = pathlib.Path(os.environ.get("BUILD_DIR", ROOT / "build/release"))
-VERSION = re.search(r"^project\(\w+ VERSION ([\d.]+)", (ROOT / "CMakeLists.txt").read_text(),
-                    re.MULTILINE).group(1)
+VERSION = re.search(
+    r"^project\(\w+ VERSION ([\d.]+)", (ROOT / "CMakeLists.txt").read_text(), re.MULTILINE
+).group(1)
 LINUX = sys.platform == "linux"
 
 

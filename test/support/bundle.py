@@ -78,6 +78,6 @@ class Bundle:
     def report(self, result, *arguments, lines=None, stderr=b""):
         """The sample's JSON out of a run's output, all else of which is compared."""
         head, tail = self.until_main(*arguments, lines=lines), expected.COMPLETE
-        service = result.stdout[len(head):-len(tail)]
+        service = result.stdout[len(head) : -len(tail)]
         assert result == (0, head + service + tail, stderr)
         return json.loads(service)

@@ -24,8 +24,12 @@ def options(home=b"", lines=None):
 
 def launching(home=b"", lines=None):
     """Standard output up to where the override file has been opened, or has not."""
-    return (b"Launching as " + (b"user" if home else b"system") + b"\n" +
-            (b"" if lines is None else b"jvm_args file found, loading arguments\n"))
+    return (
+        b"Launching as "
+        + (b"user" if home else b"system")
+        + b"\n"
+        + (b"" if lines is None else b"jvm_args file found, loading arguments\n")
+    )
 
 
 def listing(home=b"", lines=None, arguments=()):
@@ -59,8 +63,10 @@ def creation(home=b"", lines=None):
     """The call that creates the VM, as the stand-in records it, without its result."""
     records = [CLASS_PATH, *options(home, lines)]
     texts = ", ".join(recorded(record.split(b"\0")[0]) for record in records)
-    return (f"JNI_CreateJavaVM(version=0x10008, ignoreUnrecognized=0, "
-            f"nOptions={len(records)}, [{texts}])")
+    return (
+        f"JNI_CreateJavaVM(version=0x10008, ignoreUnrecognized=0, "
+        f"nOptions={len(records)}, [{texts}])"
+    )
 
 
 def calls(home=b"", lines=None, arguments=()):
@@ -68,8 +74,10 @@ def calls(home=b"", lines=None, arguments=()):
     elements = []
     for index, argument in enumerate(arguments):
         string = f"string#{index + 2}"
-        elements += [f"env#2: NewStringUTF({recorded(argument)}) = {string}",
-                     f"env#2: SetObjectArrayElement(array#1, {index}, {string})"]
+        elements += [
+            f"env#2: NewStringUTF({recorded(argument)}) = {string}",
+            f"env#2: SetObjectArrayElement(array#1, {index}, {string})",
+        ]
     array = ", ".join(recorded(argument) for argument in arguments)
     return [
         creation(home, lines) + " = env#1",
@@ -89,8 +97,10 @@ def calls(home=b"", lines=None, arguments=()):
 
 def recorded(text):
     """A string as the stand-in records it."""
+
     def escaped(byte):
         if byte in b'"\\':
             return "\\" + chr(byte)
-        return chr(byte) if 0x20 <= byte <= 0x7e else f"\\x{byte:02x}"
+        return chr(byte) if 0x20 <= byte <= 0x7E else f"\\x{byte:02x}"
+
     return '"' + "".join(map(escaped, text)) + '"'

@@ -18,8 +18,11 @@ else:
     PROGRAM = BUILD_DIR / "src/OrvaneService"
     RUNTIME = BUILD_DIR / "test/runtime" / LIBRARY
 _MACHINE = SLICE.replace("arm64", "aarch64")
-EMULATOR = ([f"qemu-{_MACHINE}", "-L", f"/usr/{_MACHINE}-linux-gnu"]
-            if SLICE and _MACHINE != os.uname().machine else [])
+EMULATOR = (
+    [f"qemu-{_MACHINE}", "-L", f"/usr/{_MACHINE}-linux-gnu"]
+    if SLICE and _MACHINE != os.uname().machine
+    else []
+)
 ABORTED = 128 + 6
 
 PER_USER = b"-Duser.install=1"
@@ -31,6 +34,7 @@ OVERRIDE_FILE = "/Library/Application Support/Quillrest/conf/jvm_args"
 class Run(typing.NamedTuple):
     """A run of the launcher: its output, its calls of the runtime and its end, which is
     normal if it went through the exit routine."""
+
     status: int
     stdout: bytes
     stderr: bytes
@@ -40,8 +44,9 @@ class Run(typing.NamedTuple):
 
 def finished(home=b"", lines=None, arguments=()):
     """A run whose Java main returned; arguments as for expected.stdout."""
-    return Run(0, expected.stdout(home, lines, arguments), b"",
-               expected.calls(home, lines, arguments))
+    return Run(
+        0, expected.stdout(home, lines, arguments), b"", expected.calls(home, lines, arguments)
+    )
 
 
 class Launcher:
@@ -63,16 +68,27 @@ class Launcher:
         """Writes the override file of an installation and returns its path."""
         return self.root.put(home + OVERRIDE_FILE, content)
 
-    def start(self, *arguments, program=None, cwd=None, record=SCRATCH + "/calls", streams=None,
-              prefix=(), env=None, **behaviour):
+    def start(
+        self,
+        *arguments,
+        program=None,
+        cwd=None,
+        record=SCRATCH + "/calls",
+        streams=None,
+        prefix=(),
+        env=None,
+        **behaviour,
+    ):
         """Starts the launcher, through a command such as strace if there is a prefix, and returns a
         Process. A behaviour such as create_status=-1 is the stand-in's (see runtime/runtime.h);
         streams are as for Root.start."""
         variables = {"RUNTIME_" + name.upper(): str(value) for name, value in behaviour.items()}
-        return self.root.start([*prefix, *EMULATOR, program or self.program, *arguments],
-                               cwd=cwd or self.directory,
-                               env={"RUNTIME_RECORD": record, **variables, **(env or {})},
-                               **(streams or {}))
+        return self.root.start(
+            [*prefix, *EMULATOR, program or self.program, *arguments],
+            cwd=cwd or self.directory,
+            env={"RUNTIME_RECORD": record, **variables, **(env or {})},
+            **(streams or {}),
+        )
 
     def run(self, *arguments, **options):
         """Runs the launcher to its end; arguments as for start."""

@@ -23,21 +23,40 @@ _FROM_EMULATOR = b"qemu: uncaught target signal 6 (Aborted) - core dumped\n" if 
 def terminated(kind, what=None, thrown_by_runtime=False):
     """Standard error of a run that an uncaught error of this type ended."""
     if LIBCXX and not (FOREIGN_ERRORS and thrown_by_runtime):
-        return (b"libc++abi: terminating due to uncaught exception of type " + kind +
-                (b"" if what is None else b": " + what) + b"\n" + _FROM_EMULATOR)
-    return (b"terminate called after throwing an instance of '" + kind + b"'\n" +
-            (b"" if what is None else b"  what():  " + what + b"\n") + _FROM_EMULATOR)
+        return (
+            b"libc++abi: terminating due to uncaught exception of type "
+            + kind
+            + (b"" if what is None else b": " + what)
+            + b"\n"
+            + _FROM_EMULATOR
+        )
+    return (
+        b"terminate called after throwing an instance of '"
+        + kind
+        + b"'\n"
+        + (b"" if what is None else b"  what():  " + what + b"\n")
+        + _FROM_EMULATOR
+    )
 
 
 def terminated_by_runtime(kind, what):
     """Each possible standard error if the runtime's error ended the run while something was released:
     the program and the runtime may have different C++ libraries, or copies of one."""
-    return [terminated(kind, what, thrown_by_runtime=True)] + [line + _FROM_EMULATOR for line in (
-        b"libc++abi: terminating due to uncaught foreign exception\n", b"libc++abi: terminating\n",
-        b"terminate called without an active exception\n")]
+    return [terminated(kind, what, thrown_by_runtime=True)] + [
+        line + _FROM_EMULATOR
+        for line in (
+            b"libc++abi: terminating due to uncaught foreign exception\n",
+            b"libc++abi: terminating\n",
+            b"terminate called without an active exception\n",
+        )
+    ]
 
 
 def out_of_range(size):
     """Standard error of a run whose executable is in a directory of this size, less than six bytes."""
-    return terminated(b"std::out_of_range", b"basic_string" if LIBCXX else
-                      b"basic_string::substr: __pos (which is 6) > this->size() (which is %d)" % size)
+    return terminated(
+        b"std::out_of_range",
+        b"basic_string"
+        if LIBCXX
+        else b"basic_string::substr: __pos (which is 6) > this->size() (which is %d)" % size,
+    )

@@ -12,20 +12,33 @@ import typing
 from . import LINUX, impossible
 
 # What a machine may have already; anything else must have been created here.
-SHARED = ["/", "/Applications", "/Library", "/Library/Application Support", "/Library/LaunchDaemons",
-          "/Library/Logs", "/Users", "/Volumes", "/tmp"]
+SHARED = [
+    "/",
+    "/Applications",
+    "/Library",
+    "/Library/Application Support",
+    "/Library/LaunchDaemons",
+    "/Library/Logs",
+    "/Users",
+    "/Volumes",
+    "/tmp",
+]
 SCRATCH = "/tmp/orvane"  # for the tests' own files, writable for everybody
 
 _uids = pathlib.Path("/proc/self/uid_map")
 _all_users = os.geteuid() == 0 and (not _uids.exists() or int(_uids.read_text().split()[2]) > 1000)
 # The ordinary user whom commands run as, None for the caller: on a Mac who called sudo, on Linux
 # an account need not exist.
-USER, GROUP = ([int(os.environ.get(name, "1000")) for name in ("SUDO_UID", "SUDO_GID")] if _all_users
-               else (None, None))
+USER, GROUP = (
+    [int(os.environ.get(name, "1000")) for name in ("SUDO_UID", "SUDO_GID")]
+    if _all_users
+    else (None, None)
+)
 
 
 class Result(typing.NamedTuple):
     """A finished command; the status as a shell gives it, 128 and the number for a signal."""
+
     status: int
     stdout: bytes
     stderr: bytes
@@ -121,11 +134,16 @@ class Root:
 
     def start(self, command, cwd="/", env=None, **streams):
         """Starts a command, str or bytes, as the ordinary user, without an environment but env."""
-        streams = {"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE,
-                   **streams}
+        streams = {
+            "stdin": subprocess.DEVNULL,
+            "stdout": subprocess.PIPE,
+            "stderr": subprocess.PIPE,
+            **streams,
+        }
         user = {} if USER is None else {"user": USER, "group": GROUP, "extra_groups": []}
-        return Process(command, cwd=cwd, env=env or {}, start_new_session=True, umask=0o022, **user,
-                       **streams)
+        return Process(
+            command, cwd=cwd, env=env or {}, start_new_session=True, umask=0o022, **user, **streams
+        )
 
 
 class Process(subprocess.Popen):
@@ -162,7 +180,9 @@ class Process(subprocess.Popen):
         except subprocess.TimeoutExpired:
             os.killpg(self.pid, signal.SIGKILL)
             stdout, stderr = self.communicate()
-            raise AssertionError(f"waited {timeout} s for the end of {self.args}: {stdout!r} {stderr!r}")
+            raise AssertionError(
+                f"waited {timeout} s for the end of {self.args}: {stdout!r} {stderr!r}"
+            )
         code = self.returncode
         return Result(code if code >= 0 else 128 - code, stdout, stderr)
 
@@ -184,9 +204,12 @@ def remove(path):
 
 def reject_impossible(path):
     """Skips the test if a Mac cannot have this path."""
-    if "/" + path.parts[1] not in [place for place in SHARED if place != "/"] or len(path.parts) < 3:
+    if (
+        "/" + path.parts[1] not in [place for place in SHARED if place != "/"]
+        or len(path.parts) < 3
+    ):
         impossible("a Mac has no other files in its root directory")
-    if any(0xd800 <= ord(character) <= 0xdfff for character in str(path)):
+    if any(0xD800 <= ord(character) <= 0xDFFF for character in str(path)):
         impossible("a Mac has no file names that are not UTF-8")
     if len(os.fsencode(path)) > 1023:
         impossible("a Mac has no path of more than 1,023 bytes")
