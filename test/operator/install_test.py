@@ -141,8 +141,10 @@ REFUSED = {
     "printf '#!/bin/sh\n/bin/cp \"$@\"; exit 1' >$MAC/bin/cp; chmod 755 $MAC/bin/cp": "cannot copy SOURCE",
     "rm $NEW/MacOS/OrvaneService": f"SOURCE lacks {CONTENTS[11:]}/MacOS/OrvaneService",
     "mkfifo $NEW/x": "SOURCE has something that is neither file, directory nor link",
-    "touch $NEW/x": "the signature of SOURCE is not valid: a sealed resource is missing or invalid?file added: x",
-    "mkdir -p $DATA/conf; printf '%s\n' -Xmx2g '' >$ARGS": f"line 2 of {ARGS} is not allowed: correct or delete it",
+    "touch $NEW/x": "the signature of SOURCE is not valid: a sealed resource is missing "
+    "or invalid?file added: x",
+    "mkdir -p $DATA/conf; printf '%s\n' -Xmx2g '' >$ARGS": f"line 2 of {ARGS} is not allowed: "
+    "correct or delete it",
     "mkdir -p $DATA/conf; mkfifo $ARGS": f"{ARGS} {FILE}",
     "rm -f $LOG; ln -s /etc/passwd $LOG": f"LOG {FILE}",
     "rm $JOB; mkdir $JOB": f"JOB {FILE}",
@@ -341,8 +343,8 @@ def test_what_an_administrator_has_disabled_stays_so_and_is_said(machine):
         assert machine.install("1") == (
             0,
             (
-                f"{COPY}Installing version 1{place}.\nVersion 1 is installed; {machine.label} is disabled and "
-                "stays so: launchctl enable TARGET, then launchctl bootstrap system JOB.\n"
+                f"{COPY}Installing version 1{place}.\nVersion 1 is installed; {machine.label} is disabled "
+                "and stays so: launchctl enable TARGET, then launchctl bootstrap system JOB.\n"
             ),
         )
     assert (machine.seen(), machine.model.disabled) == ((None, "1", None, set()), {machine.target})

@@ -7,7 +7,6 @@ import pytest
 from support import ROOT
 
 OPERATING = (ROOT / "docs/operating.md").read_text()
-MANUAL = (ROOT / "bundle/OrvaneService.8").read_text()
 SOURCES = "".join(file.read_text() for file in sorted((ROOT / "src").glob("*/*.cpp")))
 
 
@@ -32,7 +31,6 @@ def test_every_link_of_a_document_leads_to_a_file():
         ("operator/install", r"\nallowed='(.*)'\n", r"(-[XD][\w.]+=?)"),
         ("operator/check-install", r"\nallowed='(.*)'\n", r"(-[XD][\w.]+=?)"),
         ("docs/operating.md", r"(?s)\n## Override file\n(.*?)\n## ", r"^    (-\S+)"),
-        ("bundle/OrvaneService.8", r"(?s)\n\.Ss The override file\n(.*?)\n\.S", r"^\.Ql (-\S+)"),
     ],
 )
 def test_every_place_lists_the_prefixes_that_the_launcher_allows(file, text, prefix):
@@ -47,22 +45,3 @@ def test_the_launchers_messages_are_documented_as_it_prints_them():
     assert len(messages) > 10
     variable = r"'?\b[NX]\b|system$|'com/|'main'"
     assert [message for message in messages if re.split(variable, message)[0] not in SOURCES] == []
-
-
-def test_the_manual_page_has_the_messages_statuses_and_paths_of_the_operators_guide():
-    diagnostics = section(MANUAL, r"\.Sh DIAGNOSTICS", r"\.El")
-    messages = re.findall(r'^\.It "(.+)"', diagnostics, re.MULTILINE)
-    statuses = re.findall(r"\d+", " ".join(re.findall(r"^\.It (\d.*)", MANUAL, re.MULTILINE)))
-    paths = re.findall(r'^\.(?:It )?Pa "?(/.*?)"?(?: \.)?$', MANUAL, re.MULTILINE)
-    data = re.search('DATA_DIR = "(.*)"', SOURCES).group(1) + "/"
-    assert len(messages) > 5 and len(statuses) > 3 and len(paths) > 3
-    table = section(OPERATING, "## Exit status", "## ")
-    assert [
-        status for status in statuses if not re.search(rf"^\|[^|]*\b{status}\b", table, re.M)
-    ] == []
-    assert [message for message in messages if message not in OPERATING] == []
-    assert [
-        path
-        for path in ["/" + data.strip("/"), *paths]
-        if f"`{path.removeprefix(data)}" not in OPERATING
-    ] == []
