@@ -1,6 +1,7 @@
-# One slice of the macOS executable, made on Linux with the clang, the libc++ and the
+# One slice of the macOS executables, made on Linux with the clang, the libc++ and the
 # libSystem stub of the Zig that script/cross-macos installs. MACOS_ARCH is arm64 or x86_64;
-# MACOS_OTHER_SLICE, where set, is an executable to join with this one in a universal file.
+# MACOS_OTHER_BUILD, where set, is a build directory whose slices are joined with these (LIPO) in
+# universal files.
 set(CMAKE_SYSTEM_NAME Darwin)
 set(CMAKE_SYSTEM_PROCESSOR ${MACOS_ARCH})
 set(CMAKE_TRY_COMPILE_PLATFORM_VARIABLES MACOS_ARCH)
@@ -28,11 +29,9 @@ execute_process(COMMAND llvm-config --bindir OUTPUT_VARIABLE llvm OUTPUT_STRIP_T
 set(CMAKE_AR ${llvm}/llvm-ar)
 set(CMAKE_RANLIB ${llvm}/llvm-ranlib)
 
+set(LIPO ${llvm}/llvm-lipo)
+
 # zig c++ takes no entitlements; zig build-exe does, and signs. Its options are not clang's.
 set(CMAKE_EXECUTABLE_RUNTIME_CXX_FLAG "-rpath ")
 set(CMAKE_CXX_LINK_EXECUTABLE
-    "\"${zig}\" build-exe <OBJECTS> <LINK_LIBRARIES> -femit-bin=<TARGET> -target ${target} -O ReleaseSmall -fstrip -lc -lc++ -headerpad_max_install_names --entitlements \"${root}/bundle/OrvaneService.entitlements\"")
-if(MACOS_OTHER_SLICE)
-    list(APPEND CMAKE_CXX_LINK_EXECUTABLE
-        "\"${llvm}/llvm-lipo\" -create <TARGET> \"${MACOS_OTHER_SLICE}\" -output <TARGET>")
-endif()
+    "\"${zig}\" build-exe <OBJECTS> <LINK_LIBRARIES> -femit-bin=<TARGET> -target ${target} -O ReleaseSmall -fstrip -lc -lc++ -headerpad_max_install_names <LINK_FLAGS>")
