@@ -1,42 +1,96 @@
 #!/bin/sh
-# A stand-in for each of a Mac's tools that a release calls, by the name it is called by. It writes
-# its command line to $CALLS, checks what it is given, and makes what the tool would make.
-#   FAIL    a command line that fails with status 7; FAIL_TIMES, how often, always by default
-#   HANG    a command line that waits to be ended
-#   ANSWER  what the notary service says
+# Stands in for the programs of a Mac that a release calls: each is a link to this file. It appends
+# its command line to $CALLS, checks what it is given, and makes what that program would make. An
+# image and a package are texts that list the modes and names of the files in them.
+#
+#   FAIL        the beginning of a command line that fails with status 7
+#   FAIL_TIMES  how often it fails; always by default
+#   HANG        the beginning of a command line that does not end
+#   ANSWER      what the notary service says
 set -eu
-line=${0##*/} last='' source='' root='' scripts='' list='' distribution=''
-for word; do
-    case $last in
-    -srcfolder | --root) root=$word ;; --scripts) scripts=$word ;;
-    --component-plist) list=$word ;; --distribution) distribution=$word ;;
-    --entitlements) test -f "$word" ;;
-    esac
-    source=$last; last=$word
-    case $word in '' | *[!A-Za-z0-9_@%+=:,./-]*) word="'$word'" ;; esac # as shlex.quote
-    line="$line $word"
-done
-printf '%s\n' "$line" >>"$CALLS"
-[ "$line" != "${HANG-}" ] || exec /bin/sleep 60 >/dev/null 2>&1 # does not keep a release's output open
-[ "$line" != "${FAIL-}" ] || [ "$(grep -cxF -e "$line" "$CALLS")" -gt "${FAIL_TIMES:-99}" ] || exit 7
 
-tree() { # DIRECTORY: a line for each file below it, of mode and name
+record() { # PROGRAM ARGUMENT...: quotes them as script/release-macos does
+    for word; do
+        case $word in
+        *[!A-Za-z0-9_@%+=:,./-]*) printf "'%s' " "$word" ;;
+        *) printf '%s ' "$word" ;;
+        esac
+    done | sed 's/ $//'
+    echo
+}
+
+value_of() { # OPTION ARGUMENT...: the argument after the option, if it is there
+    option=$1
+    shift
+    while [ $# -gt 1 ]; do
+        if [ "$1" = "$option" ]; then
+            printf '%s\n' "$2"
+            return
+        fi
+        shift
+    done
+}
+
+files_in() { # DIRECTORY
     (cd "$1" && find . ! -type l -exec ls -ld {} + | awk '{ print substr($1, 1, 10), $NF }' | sort -k 2)
 }
 
-case $line in
-ditto*) cp -RP "$source" "$last" ;;
-hdiutil*) tree "$root" >"$last" ;;
-pkgbuild*)
-    grep -qF "<string>$(ls "$root")</string>" "$list" # the component list is for the payload's bundle
-    { echo payload && tree "$root" && echo scripts && tree "$scripts"; } >"$last" ;;
-productbuild*)
+make_component() { # FILE ARGUMENT...
+    file=$1 root=$(value_of --root "$@") scripts=$(value_of --scripts "$@")
+    # The component list is about the bundle in the root.
+    grep -qF "<string>$(ls "$root")</string>" "$(value_of --component-plist "$@")"
+    {
+        echo payload
+        files_in "$root"
+        echo scripts
+        files_in "$scripts"
+    } >"$file"
+}
+
+make_package() { # FILE ARGUMENT...
+    file=$1 distribution=$(value_of --distribution "$@") directory=$(value_of --package-path "$@")
     component=$(sed -n 's/.*<pkg-ref .*>\(..*\)<.*/\1/p' "$distribution")
-    cat "$distribution" "${distribution%/*}/$component" >"$last" ;;
-"xcrun notarytool submit"*)
+    cat "$distribution" "$directory/$component" >"$file"
+}
+
+check_signature_of() { # FILE ARGUMENT...
+    test -e "$1"
+    entitlements=$(value_of --entitlements "$@")
+    if [ -n "$entitlements" ]; then
+        test -f "$entitlements"
+    fi
+}
+
+program=${0##*/}
+line=$(record "$program" "$@")
+printf '%s\n' "$line" >>"$CALLS"
+
+case $line in "${HANG-none}"*)
+    exec /bin/sleep 60 >/dev/null 2>&1 # without the release's output, which would stay open
+    ;;
+esac
+case $line in "${FAIL-none}"*)
+    attempts=$(grep -cF -e "$FAIL" "$CALLS")
+    if [ "$attempts" -le "${FAIL_TIMES-$attempts}" ]; then
+        echo "$program: not now" >&2
+        exit 7
+    fi
+    ;;
+esac
+
+for last; do :; done
+case $line in
+"codesign "*) check_signature_of "$last" "$@" ;;
+"ditto "*) cp -RP "$5" "$last" ;; # after four options
+"hdiutil "*) files_in "$(value_of -srcfolder "$@")" >"$last" ;;
+"pkgbuild "*) make_component "$last" "$@" ;;
+"productbuild "*) make_package "$last" "$@" ;;
+"sleep "*) ;;
+"xcrun notarytool submit "*)
     test -f "$3"
-    echo "${ANSWER-"{\"id\": \"12-ab\", \"status\": \"Accepted\"}"}" ;;
-"xcrun notarytool log"*) echo "the reasons of $3" ;;
-sleep*) ;;
-*) test -e "$last" ;; # codesign, install_name_tool, stapler, spctl, pkgutil
+    accepted='{"id": "12-ab", "status": "Accepted"}'
+    echo "${ANSWER-$accepted}"
+    ;;
+"xcrun notarytool log "*) echo "the reasons of $3" ;;
+*) test -e "$last" ;; # install_name_tool, pkgutil, spctl, stapler
 esac
