@@ -589,9 +589,9 @@ def test_two_makers_pack_the_same_bytes_of_the_sample(tmp_path):
             "--executable",
             EXECUTABLE,
             "--no-runtime",
+            "--tarball",
             "--dest",
             dest,
-            program=ROOT / "script/pack",
             umask=umask,
             SOURCE_DATE_EPOCH=str(EPOCH),
         )
@@ -627,7 +627,6 @@ SAMPLE = {
                 "launchd/com.vaultory.service.agent.plist.in",
                 "launchd/com.vaultory.service.plist",
                 f"lib/{JAR}",
-                "man/man8/OrvaneService.8",
             )
         ),
     ],
@@ -649,8 +648,6 @@ SAMPLE = {
                 "lang/",
                 "launchd/",
                 "lib/",
-                "man/",
-                "man/man8/",
                 "operator/",
                 "bin/service-version",
                 "operator/check-install",
@@ -909,7 +906,7 @@ def test_wrong_input_is_one_line_that_names_the_option_before_anything_is_writte
     run = bundle(*main, "--no-runtime", "--dest", dest)
     assert (run.status, [re.sub(": [A-Z].*", "", line) for line in run.lines]) == (
         1,
-        [f"bundle: '{dest}'"],
+        [f"bundle: --dest: '{dest}'"],
     )
 
 

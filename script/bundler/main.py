@@ -1,0 +1,190 @@
+"""The order of the steps."""
+
+import contextlib
+import logging
+import os
+import pathlib
+import re
+import shutil
+import sys
+import tempfile
+
+from . import inputs, modules, options, packing, processes, sample
+from .archive import check_archive, make_archive
+from .errors import UserError, file_errors
+from .jdk import check_java_options, check_modules, feature_version, find_jdk, modules_of
+from .launcher import build_launcher, project_version
+from .layout import SERVICE, Directories, Product, is_signed, make_layout, normalize
+from .platforms import target_of
+from .runtime import link_runtime
+from .training import train
+from .trial import Plan, Trial
+
+log = logging.getLogger(__package__)
+
+
+def main(arguments):
+    """Makes a bundle; the exit status."""
+    processes.exit_on_signals()
+    os.umask(0o022)
+    handler = logging.StreamHandler()
+    log.addHandler(handler)
+    log.setLevel(logging.INFO)
+    try:
+        given = options.parse(arguments)
+        if given.verbose:
+            log.setLevel(logging.DEBUG)
+        plan = Plan(
+            tuple(given.training_argument), given.training_command, int(given.training_seconds)
+        )
+        if given.train:
+            train_bundle(given.train, plan, given.force)
+        else:
+            make_bundle(given, plan, options.source_date_epoch(os.environ))
+        return 0
+    except UserError as error:
+        for line in error.printed:
+            log.error("  | %s", line)
+        log.error("bundle: %s", error)
+        return 1
+    finally:
+        log.removeHandler(handler)
+
+
+@contextlib.contextmanager
+def work_directory():
+    """A directory that is removed at the end, in TMPDIR if its path suits the VM's options, which take no
+    space and no colon."""
+    directory = os.environ.get("TMPDIR", "/tmp")
+    if not re.fullmatch("[A-Za-z0-9/._+-]+", directory):
+        directory = "/tmp"
+    with file_errors("TMPDIR"):
+        work = tempfile.TemporaryDirectory(prefix="bundle-", dir=directory)
+    with work:
+        yield pathlib.Path(work.name).resolve()
+
+
+def make_bundle(given, plan, epoch):
+    """Makes Orvane.app in a work directory, and puts it in its place when it is whole."""
+    # Check the input.
+    jars, directories = vendors_files(given)
+    version = given.app_version or project_version()
+    packing.check_destination(given.dest, given.force)
+    jdk = find_jdk(given.jdk, given.jmods, os.environ)
+    added = {name for names in given.add_modules for name in names.split(",")}
+    check_modules(added, jdk)
+    check_java_options(given.java_options, jdk)
+    executable = given.executable or build_launcher(jdk)
+    target = target_of(executable, None if given.no_runtime else jdk)
+
+    # Lay out the bundle, add the runtime, and put it in its place.
+    with work_directory() as work:
+        app = work / packing.NAME
+        if not jars:
+            jar = sample.compile_sample(jdk, version, work)
+            jars = {jar.name: jar}
+        product = Product(version, given.mac_package_identifier, given.copyright)
+        contents = make_layout(app, executable, jars, product, directories, target.minimum_macos)
+        normalize(app, epoch)
+        if not given.no_runtime:
+            trial = None
+            if target.runs_here and not given.no_archive:
+                trial = Trial(contents, work, plan)
+            add_runtime(contents, work, jdk, added, given.java_options, target, trial)
+            if not target.runs_here and not given.no_archive:
+                log.info(
+                    "The runtime is for %s: call --train there, before signing, for the CDS archive",
+                    target.platform,
+                )
+            normalize(app, epoch)
+        packing.put_in_place(app, given.dest)
+    if given.tarball:
+        packing.pack(given.dest, version, target.platform)
+
+
+def vendors_files(given):
+    """The vendor's jars, none for the sample, and directories, or the sample's."""
+    for option, directory, file in (
+        ("--lang", given.lang, ""),
+        ("--conf", given.conf, "service.log.xml"),
+        ("--bin", given.bin, ""),
+        ("--frameworks", given.frameworks, ""),
+        ("--jmods", given.jmods, "java.base.jmod"),
+    ):
+        if directory:
+            inputs.check_directory(option, directory, file)
+    conf = given.conf or sample.DIRECTORY / "conf"
+    if given.main_jar:
+        archived = not given.no_archive and not given.no_runtime
+        jars = inputs.find_jars(given.main_jar, given.input, archived)
+        return jars, Directories(conf, given.lang, given.bin, given.frameworks)
+    return {}, Directories(
+        conf,
+        given.lang or sample.DIRECTORY / "lang",
+        given.bin or sample.DIRECTORY / "bin",
+        given.frameworks,
+    )
+
+
+def add_runtime(contents, work, jdk, added, java_options, target, trial):
+    """Adds the runtime with the modules that are found and, if there is a trial, with its archive."""
+    jre = work / "jre"
+    found = {
+        "always": modules.ALWAYS & jdk.modules,
+        "--add-modules": added,
+        "jdeps": modules.modules_by_jdeps(contents / "Resources/lib", jdk, work / "classes"),
+    }
+    starts_in = contents / "MacOS" if target.runs_here else None
+
+    def link():
+        names = modules.expand(set().union(*found.values()), jdk)
+        link_runtime(jre, names, jdk, java_options, starts_in)
+
+    if java_options or not trial:  # wrong VM options are found before the service is run
+        link()
+    if trial:
+        trained = train(trial, jdk.home, jdk.modules, java_options)
+        found["training"] = trained.modules
+        if not jre.exists() or not trained.modules <= modules_of(jre):
+            link()
+    modules.log_modules(found)
+    log.info("Modules of the runtime, with those that these require: %d", len(modules_of(jre)))
+    if trial:
+        kind, _ = make_archive(trial, jre, jdk.feature, trained.class_list)
+        check_archive(trial, kind, trained.classes)
+    jre.rename(contents / "Resources/jre")
+
+
+def train_bundle(app, plan, force):
+    """Makes the archive of a bundle in a copy of it, with its own runtime in place of the JDK."""
+    contents = app / SERVICE
+    server = contents / "Resources/jre/lib/server"
+    for file in "MacOS/OrvaneService", "Resources/jre/bin/java":
+        if not (contents / file).is_file():
+            raise UserError(
+                f"--train: '{app}' is no bundle with a launcher and a runtime",
+                "name an Orvane.app",
+            )
+    if is_signed(app) and not force:
+        raise UserError(
+            f"--train: '{app}' is signed, which an archive breaks",
+            "add --force, and sign it again",
+        )
+    if not os.access(server, os.W_OK):
+        raise UserError(f"--train: '{server}' is not writable", "call this as its owner")
+    with work_directory() as work:
+        copy = shutil.copytree(contents, work / "Contents", symlinks=True)
+        jre = (copy / "Resources/jre").rename(work / "jre")
+        trial = Trial(copy, work, plan)
+        trained = train(trial, jre, modules_of(jre), [])
+        kind, archive = make_archive(trial, jre, feature_version(jre), trained.class_list)
+        check_archive(trial, kind, trained.classes)
+        archive.chmod(0o644)
+        with file_errors("--train"), tempfile.TemporaryDirectory(
+            prefix=".archive-", dir=server
+        ) as staging:
+            os.rename(shutil.copy2(archive, staging), server / archive.name)
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))

@@ -1,0 +1,75 @@
+"""The bundle at its destination, and the tarball of it."""
+
+import contextlib
+import gzip
+import logging
+import os
+import pathlib
+import shutil
+import tarfile
+import tempfile
+
+from .commands import step
+from .errors import UserError, file_errors
+from .layout import is_signed
+from .processes import signals_deferred
+
+log = logging.getLogger(__name__)
+
+NAME = "Orvane.app"
+OTHER = "name another directory"
+
+
+def check_destination(dest, force):
+    """Raises if the bundle cannot be made there, before anything is done."""
+    for path in dest, dest / NAME:
+        if path.exists() and not path.is_dir():
+            raise UserError(f"--dest: '{path}' is not a directory", f"remove it, or {OTHER}")
+    if is_signed(dest / NAME) and not force:
+        raise UserError(
+            f"--dest: '{dest / NAME}' is signed", f"add --force to replace it, or {OTHER}"
+        )
+
+
+@contextlib.contextmanager
+def staging_directory(dest):
+    """A directory beside the bundle, for what is renamed into place when it is whole."""
+    dest.mkdir(parents=True, exist_ok=True)
+    with tempfile.TemporaryDirectory(prefix=".Orvane.app-", dir=dest) as staging:
+        yield pathlib.Path(staging)
+
+
+def put_in_place(app, dest):
+    """Copies the bundle to its destination, in place of a former one."""
+    target = dest / NAME
+    with file_errors("--dest", OTHER), staging_directory(dest) as staging:
+        copy = shutil.copytree(app, staging / NAME, symlinks=True)
+        with signals_deferred():  # there is always one of the two
+            if os.path.lexists(target):
+                target.rename(staging / "former")
+            copy.rename(target)
+    log.info("Made %s", target)
+
+
+def pack(dest, version, platform):
+    """A tarball that does not tell who made it, nor when: its times are the files' own, as the archive
+    requires. Its bytes depend on nothing else."""
+    target = dest / f"Orvane-{version}-{platform}.tar.gz"
+    with step(f"Packing {target}"), file_errors("--dest", OTHER):
+        with staging_directory(dest) as staging:
+            write_tarball(staging / "tarball", dest / NAME)
+            (staging / "tarball").rename(target)
+
+
+def write_tarball(path, app):
+    with path.open("wb") as file, gzip.GzipFile("", "wb", mtime=0, fileobj=file) as zipped:
+        with tarfile.open(fileobj=zipped, mode="w", format=tarfile.GNU_FORMAT) as tar:
+            for member in [app, *sorted(app.rglob("*"), key=lambda member: member.parts)]:
+                name = member.relative_to(app.parent)
+                tar.add(member, name, recursive=False, filter=without_owner)
+
+
+def without_owner(entry):
+    entry.uid = entry.gid = 0
+    entry.uname = entry.gname = "root"
+    return entry
