@@ -1,4 +1,4 @@
-"""The launcher's executable, built from this checkout where none is given."""
+"""The launcher's executable and operator-tool beside it, built from this checkout where none is given."""
 
 import os
 import pathlib
@@ -16,12 +16,12 @@ def project_version():
 
 
 def build_launcher(jdk):
-    """Configures and builds build/release; the executable."""
+    """Configures build/release and builds both; the launcher."""
     environment = {**os.environ, "JAVA_HOME": str(jdk.home)}
     with step("Building the launcher"):
         for arguments in (
             ["--preset", "release"],
-            ["--build", "--preset", "release", "--target", "OrvaneService"],
+            ["--build", "--preset", "release", "--target", "OrvaneService", "operator-tool"],
         ):
             require(
                 "--executable: the launcher cannot be built",

@@ -7,6 +7,7 @@ Tests make bundles of a few files with it, whose names and property lists are th
     make_layout(
         directory / "Orvane.app",
         executable=launcher,
+        operator_tool=tool,
         jars={"com.vaultory.desktop.jar": jar},
         product=Product(version="2.1.0", identifier="com.example.backup"),
     )"""
@@ -18,13 +19,15 @@ import shutil
 import urllib.parse
 from typing import Optional
 
+from .errors import UserError
 from .inputs import LISTING_JAR
 from .jars import write_jar
 from .launcher import ROOT
-from .platforms import OLDEST_MACOS
+from .platforms import OLDEST_MACOS, platforms_of
 from .property_lists import write_property_lists
 
 SERVICE = "Contents/Library/LaunchServices/OrvaneService.app/Contents"  # below Orvane.app
+OPERATOR_TOOL = "operator-tool"
 
 
 @dataclasses.dataclass(frozen=True)
@@ -46,8 +49,30 @@ class Directories:
     frameworks: Optional[pathlib.Path] = None
 
 
+def operator_tool_beside(executable):
+    """The program that root's scripts use, which the build puts beside the launcher."""
+    tool = executable.with_name(OPERATOR_TOOL)
+    if not tool.is_file():
+        raise UserError(
+            f"--executable: there is no {OPERATOR_TOOL} beside '{executable}'",
+            "name the launcher where the build has put both",
+        )
+    if platforms_of("--executable", tool) != platforms_of("--executable", executable):
+        raise UserError(
+            f"--executable: '{tool}' is not for the same platforms as '{executable}'",
+            "build both again",
+        )
+    return tool
+
+
 def make_layout(
-    app, executable, jars, product, directories=Directories(), minimum_macos=OLDEST_MACOS
+    app,
+    executable,
+    operator_tool,
+    jars,
+    product,
+    directories=Directories(),
+    minimum_macos=OLDEST_MACOS,
 ):
     """Makes the bundle at this path, which must not exist; the contents of its service bundle. The jars
     are {name below Resources/lib: file}, in the order of the class path."""
@@ -64,9 +89,14 @@ def make_layout(
             shutil.copytree(source, target, symlinks=True)
         else:
             target.mkdir(parents=True)
-    (resources / "operator/uninstall").symlink_to("install")
-    copy_file(executable, service / "MacOS/OrvaneService")
-    (service / "MacOS/OrvaneService").chmod(0o755)
+    if not (resources / "operator/uninstall").exists():
+        (resources / "operator/uninstall").symlink_to("install")
+    for source, target in (
+        (executable, service / "MacOS/OrvaneService"),
+        (operator_tool, resources / "operator" / OPERATOR_TOOL),
+    ):
+        copy_file(source, target)
+        target.chmod(0o755)
     for name, file in jars.items():
         copy_file(file, resources / "lib" / name)
     if LISTING_JAR not in jars:

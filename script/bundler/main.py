@@ -14,7 +14,15 @@ from .archive import check_archive, make_archive
 from .errors import UserError, file_errors
 from .jdk import check_java_options, check_modules, feature_version, find_jdk, modules_of
 from .launcher import build_launcher, project_version
-from .layout import SERVICE, Directories, Product, is_signed, make_layout, normalize
+from .layout import (
+    SERVICE,
+    Directories,
+    Product,
+    is_signed,
+    make_layout,
+    normalize,
+    operator_tool_beside,
+)
 from .platforms import target_of
 from .runtime import link_runtime
 from .training import train
@@ -76,6 +84,7 @@ def make_bundle(given, plan, epoch):
     check_java_options(given.java_options, jdk)
     executable = given.executable or build_launcher(jdk)
     target = target_of(executable, None if given.no_runtime else jdk)
+    operator_tool = operator_tool_beside(executable)
 
     # Lay out the bundle, add the runtime, and put it in its place.
     with work_directory() as work:
@@ -84,7 +93,9 @@ def make_bundle(given, plan, epoch):
             jar = sample.compile_sample(jdk, version, work)
             jars = {jar.name: jar}
         product = Product(version, given.mac_package_identifier, given.copyright)
-        contents = make_layout(app, executable, jars, product, directories, target.minimum_macos)
+        contents = make_layout(
+            app, executable, operator_tool, jars, product, directories, target.minimum_macos
+        )
         normalize(app, epoch)
         if not given.no_runtime:
             trial = None

@@ -652,6 +652,7 @@ SAMPLE = {
                 "bin/service-version",
                 "operator/check-install",
                 "operator/install",
+                "operator/operator-tool",
             )
         ),
     ],
@@ -786,6 +787,7 @@ def test_a_bundle_for_a_Mac_has_the_modules_of_a_JDK_for_it_and_requires_its_mac
     jmods = macos_jmods(tmp_path / "jmods", ["java.base", "java.logging", "jdk.unsupported"])
     executable = tmp_path / "universal"
     executable.write_bytes(mach_o(0x01000007, 0x0100000C))
+    shutil.copy(executable, tmp_path / "operator-tool")
     arguments = [
         "--main-jar",
         mine / "service.jar",
