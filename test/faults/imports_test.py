@@ -1,16 +1,16 @@
-import re
+"""What the launcher's object files import. The tests of system calls do not see the environment."""
+
 import subprocess
 
+import pytest
 from support import BUILD_DIR, impossible, platform
 
-# What the product itself imports, besides C++ and the compiler's own: it can read neither the
-# environment nor standard input, nor start a thread, nor take a locale from elsewhere.
 C_FUNCTIONS = {
     "JNI_CreateJavaVM",
+    "bcmp",
     "exit",
     "getauxval",
     "getcwd",
-    "bcmp",
     "memchr",
     "memcmp",
     "memcpy",
@@ -18,24 +18,47 @@ C_FUNCTIONS = {
     "memset",
     "strlen",
 }
-FORBIDDEN = r"6locale(6global|C[12]E[^v])|6thread|filesystem|chrono|random_device"
-COMPILER = r"_GLOBAL_OFFSET_TABLE_|__dso_handle|(_Unwind|__cxa|__gxx|__stack_chk)_\w+|__\w+_chk"
+# What the compiler itself calls, and glibc's checked variants of the functions above.
+COMPILER = ("_GLOBAL_OFFSET_TABLE_", "__dso_handle", "_Unwind_", "__cxa_", "__gxx_", "__stack_chk_")
+CHECKED = "_chk"
+
+STREAMS = {f"std::{wide}{name}" for wide in ("", "w") for name in ("cin", "cout", "cerr", "clog")}
+NOT_USED = [
+    "std::locale::global(",
+    "std::thread",
+    "std::this_thread",
+    "std::filesystem",
+    "std::chrono",
+    "std::random_device",
+]
 
 
-def test_the_product_imports_only_these_c_functions_and_streams():
+@pytest.fixture
+def imports():
     if platform.LIBCXX:
         impossible("the headers of libc++ import C functions that libstdc++ has in its library")
-    objects = [*(BUILD_DIR / "src").glob("*.a"), *(BUILD_DIR / "src").rglob("main.cpp.o")]
-    assert len(objects) == 4
-    symbols = subprocess.run(
-        ["nm", "--undefined-only", "--format=posix", *objects],
+    source = BUILD_DIR / "src"
+    output = subprocess.run(
+        [
+            *("nm", "--demangle", "--undefined-only"),
+            *(source / f"lib{name}.a" for name in ("executable_path", "jvm", "jvmargs")),
+            source / "CMakeFiles/OrvaneService.dir/launcher/main.cpp.o",
+        ],
         check=True,
         stdout=subprocess.PIPE,
         text=True,
     ).stdout
-    names = set(re.findall(r"^(\w+) U", symbols, re.MULTILINE))
-    assert {name for name in names if not re.match(COMPILER + "|_Z", name)} <= C_FUNCTIONS
-    assert set(
-        re.findall(r"^_ZN?St(?:3__1)?\d(w?c(?:in|out|err|log))E? U", symbols, re.MULTILINE)
-    ) == {"cout", "cerr"}
-    assert [name for name in names if re.search(FORBIDDEN, name)] == []
+    return {line.split(" U ")[1] for line in output.splitlines() if " U " in line}
+
+
+def test_the_launcher_imports_no_other_functions_of_C(imports):
+    c_names = {name for name in imports if "::" not in name and "(" not in name}
+    own = {name for name in c_names if not name.startswith(COMPILER) and not name.endswith(CHECKED)}
+    assert own <= C_FUNCTIONS and "JNI_CreateJavaVM" in own
+
+
+def test_the_launcher_uses_two_streams_and_no_threads_locales_clocks_or_file_names(imports):
+    assert imports & STREAMS == {"std::cout", "std::cerr"}
+    assert [name for name in imports for part in NOT_USED if part in name] == []
+    locales = {name for name in imports if name.startswith("std::locale::locale(")}
+    assert locales <= {"std::locale::locale()"}

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "format.h"
+
 namespace macho {
 
 /// Ends the process with one line on standard error and SIGABRT, as dyld does.
@@ -17,7 +19,7 @@ Value at(const void* address) {
     return value;
 }
 
-/// Reads numbers one after another; has no end of its own.
+/// Reads values one after another; does not check for the end.
 struct Reader {
     const std::uint8_t* next;
 
@@ -27,10 +29,12 @@ struct Reader {
         next += sizeof value;
         return value;
     }
+    /// A number in groups of seven bits, the lowest first.
     std::uint64_t uleb();
     std::string text();
 };
 
+/// A section in memory.
 struct Section {
     std::string name;
     std::uint8_t* begin;
@@ -53,26 +57,34 @@ public:
     std::vector<Section> sections;
 
 private:
+    /// A segment in memory. It has no bytes if nothing may access it.
     struct Segment {
         std::uint8_t* begin;
         std::uint64_t size;
         int protection;
     };
 
+    void checkHeader() const;
+    void listCommands();
     void reserve();
+    format::DyldInfo obeyCommands();
     void addSegment(const std::uint8_t* command);
+    void addSection(const format::Section& section);
     void loadLibraries();
-    enum Action : std::uint8_t;
-    static const Action REBASE[16];
-    static const Action BIND[16];
-    void fix(Reader in, const std::uint8_t* end, const Action (&actions)[16]) const;
-    void* resolve(std::uint64_t ordinal, const std::string& name) const;
-    std::uint8_t* place(std::size_t segment, std::uint64_t offset) const;
+    void loadRuntime();
+    void rebase(const format::Table& table) const;
+    void bind(const format::Table& table) const;
+    void protect() const;
+
+    std::uint8_t* inMemory(std::uint64_t address) const;
+    std::uint8_t* pointerAt(std::size_t segment, std::uint64_t offset) const;
+    void* resolve(std::uint64_t library, const std::string& symbol) const;
 
     const std::uint8_t* file;
     std::vector<const std::uint8_t*> commands;
-    std::uint8_t* memory = nullptr;
+    std::uint8_t* memory = nullptr;  // where the lowest address of the file lies
     std::uint64_t lowest = 0;
+    std::uint64_t size = 0;
     std::vector<Segment> segments;
     std::vector<std::string> libraries;
     std::vector<std::string> runPaths;

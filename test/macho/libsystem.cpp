@@ -52,6 +52,7 @@ constexpr std::array NEVER_CALLED = {
     "strftime_l",      "strtod_l",    "strtof_l",          "strtold_l",
     "strtoll_l",       "strtoull_l",  "ungetwc",           "wcsnrtombs_l"};
 
+/// There is one of these functions per name, so that it can say which was called.
 template <std::size_t Index>
 void neverCalled() {
     fail(std::string("the program called ") + NEVER_CALLED[Index] + ", which has no stand-in");

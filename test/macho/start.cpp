@@ -1,6 +1,7 @@
 /// Runs one slice of the macOS executable, linked into this file, as a process of Linux:
 ///
-///   image.cpp      the file format: segments, libraries, pointers to fix
+///   format.h       the records of the file, as they lie there
+///   image.cpp      the file in memory: segments, libraries, pointers to fix
 ///   unwinding.cpp  its unwinding entries, for the unwinder of this process
 ///   libsystem.cpp  what it asks of libSystem, and of the runtime library
 ///   start.cpp      this: initialisers, main, exit
@@ -25,15 +26,31 @@ void fail(const std::string& why) {
 
 }  // namespace macho
 
+namespace {
+
+/// The type of main, and of the functions that initialise the slice's global objects. The last list
+/// is what the kernel of macOS tells a program of itself.
+using Start = int (*)(int argc, char** argv, char** envp, char** apple);
+
+void runInitialisers(const macho::Section& section, int argc, char** argv, char** envp,
+                     char** apple) {
+    for (std::uint64_t offset = 0; offset < section.size; offset += sizeof(Start)) {
+        const auto initialiser = macho::at<Start>(section.begin + offset);
+        initialiser(argc, argv, envp, apple);
+    }
+}
+
+}  // namespace
+
 int main(int argc, char* argv[], char* envp[]) {
-    using Start = int (*)(int, char**, char**, char**);
     char* noApple[] = {nullptr};
     const macho::Image image(slice);
     macho::registerUnwinding(image);
     for (const macho::Section& section : image.sections) {
-        for (std::uint64_t at = 0; section.type == 0x9 && at < section.size; at += sizeof(Start)) {
-            macho::at<Start>(section.begin + at)(argc, argv, envp, noApple);
+        if (section.type == macho::format::INITIALISERS) {
+            runInitialisers(section, argc, argv, envp, noApple);
         }
     }
-    std::exit(reinterpret_cast<Start>(image.entry)(argc, argv, envp, noApple));
+    const auto start = reinterpret_cast<Start>(image.entry);
+    std::exit(start(argc, argv, envp, noApple));
 }

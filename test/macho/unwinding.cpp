@@ -49,33 +49,48 @@ struct Entry {
 
 /// Appends a record, its length in front, padded to eight bytes.
 void addRecord(Bytes& table, Bytes record) {
-    record.resize((record.size() + 4 + 7) / 8 * 8 - 4);  // DW_CFA_nop is zero
+    const std::size_t padded = (record.size() + sizeof(std::uint32_t) + 7) / 8 * 8;
+    record.resize(padded - sizeof(std::uint32_t));  // with zeros, which are DW_CFA_nop
     add(table, static_cast<std::uint32_t>(record.size()));
     table.insert(table.end(), record.begin(), record.end());
 }
 
+constexpr std::uint32_t CIE_ID = 0;
+constexpr std::uint8_t CIE_VERSION = 1;
+constexpr std::uint8_t CODE_FACTOR = 1;
+constexpr std::uint8_t DATA_FACTOR = 0x78;  // -8
+constexpr std::uint8_t ABSOLUTE = 0;
+
+/// A common information entry: how the instructions of one function are to be read.
+Bytes commonEntry(const Entry& entry) {
+    const bool hasPersonality = entry.personality != nullptr;
+    const std::string augmentation = hasPersonality ? "zPLR" : "zLR";
+    Bytes cie;
+    add(cie, CIE_ID);
+    add(cie, CIE_VERSION);
+    cie.insert(cie.end(), augmentation.begin(), augmentation.end());
+    add(cie, '\0');
+    cie.insert(cie.end(), {CODE_FACTOR, DATA_FACTOR, RETURN_ADDRESS});
+    // What the letters stand for: the length of it all, then P, L and R.
+    if (hasPersonality) {
+        addUleb(cie, 1 + sizeof entry.personality + 2);
+        add(cie, ABSOLUTE);
+        add(cie, entry.personality);
+    } else {
+        addUleb(cie, 2);
+    }
+    cie.insert(cie.end(), {ABSOLUTE, ABSOLUTE});
+    return cie;
+}
+
 /// A CIE and the one FDE that refers to it, all pointers absolute.
 void addEntry(Bytes& table, const Entry& entry) {
-    Bytes cie;
-    add<std::uint32_t>(cie, 0);
-    cie.push_back(1);
-    for (const char letter : {'z', 'P', 'L', 'R', '\0'}) {
-        if (entry.personality != nullptr || letter != 'P') {
-            cie.push_back(static_cast<std::uint8_t>(letter));
-        }
-    }
-    cie.insert(cie.end(), {1, 0x78, RETURN_ADDRESS});  // alignment factors 1 and -8
-    addUleb(cie, entry.personality != nullptr ? 11 : 2);
-    if (entry.personality != nullptr) {
-        cie.push_back(0);
-        add(cie, entry.personality);
-    }
-    cie.insert(cie.end(), {0, 0});
     const std::size_t begin = table.size();
-    addRecord(table, cie);
+    addRecord(table, commonEntry(entry));
 
     Bytes fde;
-    add(fde, static_cast<std::uint32_t>(table.size() + 4 - begin));
+    const std::size_t distance = table.size() + sizeof(std::uint32_t) - begin;
+    add(fde, static_cast<std::uint32_t>(distance));
     add(fde, entry.function);
     add(fde, entry.size);
     addUleb(fde, sizeof entry.lsda);
@@ -103,12 +118,46 @@ void saved(Bytes& to, std::uint8_t number, std::uint64_t words) {
     fail(std::string("unwinding entry ") + text + " is not understood");
 }
 
+/// Bits FROM to FROM + COUNT - 1.
+constexpr std::uint32_t bits(std::uint32_t value, unsigned from, unsigned count) {
+    return value >> from & ((1U << count) - 1U);
+}
+
+/// How a function is unwound, in bits 24 to 27 of its encoding.
+constexpr std::uint32_t modeOf(std::uint32_t encoding) {
+    return bits(encoding, 24, 4);
+}
+
 #ifdef __x86_64__
+constexpr std::uint32_t WITH_FRAME_POINTER = 1;
+constexpr std::uint32_t WITHOUT_FRAME_POINTER = 2;
+constexpr std::uint32_t WITHOUT_FRAME_POINTER_LARGE = 3;
 constexpr std::uint32_t DWARF = 4;
-// rbx, r12, r13, r14, r15, rbp; entries count them from 1.
+// rbx, r12, r13, r14, r15, rbp; encodings count them from 1.
 constexpr std::uint8_t REGISTERS[] = {3, 12, 13, 14, 15, 6};
 
-/// The registers of a frame without a frame pointer: a permutation, as a mixed-radix number.
+/// Bits 0 to 14 are up to five registers of three bits each, 0 for none, in the order of their
+/// places on the stack; bits 16 to 23 are the distance of the first from the saved rbp, in words.
+Bytes withFramePointer(std::uint32_t encoding) {
+    Bytes result;
+    defineFrame(result, FRAME_POINTER, 16);
+    saved(result, FRAME_POINTER, 2);
+    const std::uint32_t distance = bits(encoding, 16, 8);
+    for (unsigned i = 0; i < 5; ++i) {
+        const std::uint32_t number = bits(encoding, 3 * i, 3);
+        if (number > 5) {  // rbp is saved by itself
+            notUnderstood(encoding);
+        }
+        if (number != 0) {
+            saved(result, REGISTERS[number - 1], distance + 2 - i);
+        }
+    }
+    return result;
+}
+
+/// The saved registers of a frame without a frame pointer. NUMBER says which of the possible orders
+/// of COUNT registers it is: its first digit chooses among six registers, the next among the five
+/// left, and so on.
 std::vector<std::uint8_t> permutation(std::uint32_t number, std::uint32_t count) {
     std::vector<std::uint8_t> left(std::begin(REGISTERS), std::end(REGISTERS));
     std::vector<std::uint8_t> chosen;
@@ -125,35 +174,38 @@ std::vector<std::uint8_t> permutation(std::uint32_t number, std::uint32_t count)
     return chosen;
 }
 
+/// Bits 0 to 9 are the permutation, bits 10 to 12 the number of registers.
+Bytes withoutFramePointer(std::uint32_t encoding, std::uint64_t frameWords) {
+    Bytes result;
+    defineFrame(result, STACK_POINTER, frameWords * 8);
+    const std::uint32_t count = bits(encoding, 10, 3);
+    std::uint64_t words = count + 1;  // the return address is one word below the frame's address
+    for (const std::uint8_t number : permutation(bits(encoding, 0, 10), count)) {
+        saved(result, number, words);
+        --words;
+    }
+    return result;
+}
+
+/// The size of a large frame is in the instruction that makes it, at the offset in bits 16 to 23,
+/// in bytes. Bits 13 to 15 are what is pushed besides, in words.
+std::uint64_t largeFrameWords(std::uint32_t encoding, const std::uint8_t* function) {
+    const auto subtracted = at<std::uint32_t>(function + bits(encoding, 16, 8));
+    return subtracted / 8 + bits(encoding, 13, 3);
+}
+
 Bytes instructions(std::uint32_t encoding, const std::uint8_t* function) {
     Bytes result;
-    std::uint64_t words = encoding >> 16U & 0xFFU;
-    switch (encoding >> 24U & 0xFU) {
-        case 1:  // rbp points to the saved rbp
-            defineFrame(result, FRAME_POINTER, 16);
-            saved(result, FRAME_POINTER, 2);
-            for (words += 2; (encoding & 0x7FFFU) != 0;
-                 encoding = encoding >> 3U & 0xFFFU, --words) {
-                if ((encoding & 7U) > 5) {
-                    notUnderstood(encoding);
-                }
-                if ((encoding & 7U) != 0) {
-                    saved(result, REGISTERS[(encoding & 7U) - 1], words);
-                }
-            }
+    switch (modeOf(encoding)) {
+        case WITH_FRAME_POINTER:
+            result = withFramePointer(encoding);
             break;
-        case 3:  // the size is in the instruction that makes the frame, in bytes
-            words = at<std::uint32_t>(function + words) / 8 + (encoding >> 13U & 7U);
-            [[fallthrough]];
-        case 2: {
-            defineFrame(result, STACK_POINTER, words * 8);
-            const std::uint32_t count = encoding >> 10U & 7U;
-            std::uint64_t at = count + 1;
-            for (const std::uint8_t number : permutation(encoding & 0x3FFU, count)) {
-                saved(result, number, at--);
-            }
+        case WITHOUT_FRAME_POINTER:
+            result = withoutFramePointer(encoding, bits(encoding, 16, 8));
             break;
-        }
+        case WITHOUT_FRAME_POINTER_LARGE:
+            result = withoutFramePointer(encoding, largeFrameWords(encoding, function));
+            break;
         default:
             notUnderstood(encoding);
     }
@@ -161,71 +213,103 @@ Bytes instructions(std::uint32_t encoding, const std::uint8_t* function) {
     return result;
 }
 #else
+constexpr std::uint32_t LEAF = 2;
 constexpr std::uint32_t DWARF = 3;
+constexpr std::uint32_t WITH_FRAME_POINTER = 4;
+constexpr std::uint8_t X19 = 19;
+constexpr std::uint8_t D8 = 72;
 
+/// Bits 0 to 4 say which pairs from x19 to x28 were saved, bits 8 to 11 which from d8 to d15.
 Bytes instructions(std::uint32_t encoding, const std::uint8_t*) {
     Bytes result;
     std::uint64_t words = 1;
-    switch (encoding >> 24U & 0xFU) {
-        case 2:  // a leaf: the return address is in x30
-            defineFrame(result, STACK_POINTER, (encoding >> 12U & 0xFFFU) * 16);
+    const auto savePair = [&](unsigned first) {
+        saved(result, static_cast<std::uint8_t>(first), words);
+        saved(result, static_cast<std::uint8_t>(first + 1), words + 1);
+        words += 2;
+    };
+    switch (modeOf(encoding)) {
+        case LEAF:  // the return address is in x30; bits 12 to 23 are the frame's size
+            defineFrame(result, STACK_POINTER, bits(encoding, 12, 12) * 16);
             break;
-        case 4:  // x29 points to the saved x29
+        case WITH_FRAME_POINTER:  // x29 points to the saved x29, above which is x30
             defineFrame(result, FRAME_POINTER, 16);
-            saved(result, RETURN_ADDRESS, words++);
-            saved(result, FRAME_POINTER, words++);
+            saved(result, RETURN_ADDRESS, 1);
+            saved(result, FRAME_POINTER, 2);
+            words = 3;
             break;
         default:
             notUnderstood(encoding);
     }
-    if ((encoding & 0xE0U) != 0) {
+    if (bits(encoding, 5, 3) != 0) {
         notUnderstood(encoding);
     }
-    for (unsigned bit = 0; bit < 12; ++bit) {  // pairs of x19 to x28, then of d8 to d15
-        if ((encoding >> bit & 1U) != 0) {
-            const auto first =
-                static_cast<std::uint8_t>(bit < 5 ? 19 + 2 * bit : 72 + 2 * (bit - 8));
-            saved(result, first, words++);
-            saved(result, static_cast<std::uint8_t>(first + 1), words++);
+    for (unsigned pair = 0; pair < 5; ++pair) {
+        if (bits(encoding, pair, 1) != 0) {
+            savePair(X19 + 2 * pair);
+        }
+    }
+    for (unsigned pair = 0; pair < 4; ++pair) {
+        if (bits(encoding, 8 + pair, 1) != 0) {
+            savePair(D8 + 2 * pair);
         }
     }
     return result;
 }
 #endif
 
-/// A pointer in one of the encodings that the compiler uses: relative to its own place, of
-/// four or eight bytes, and perhaps the address of the pointer that is meant.
+// How a pointer is written in __eh_frame: as the distance from its own place.
+constexpr std::uint8_t EIGHT_BYTES = 0x10;
+constexpr std::uint8_t FOUR_BYTES = 0x1B;
+constexpr std::uint8_t INDIRECT = 0x80;  // it is the address of the pointer that is meant
+
 const std::uint8_t* pointer(Reader& in, std::uint8_t encoding) {
     const std::uint8_t* const place = in.next;
-    const bool narrow = (encoding & 0xFU) == 0xB;
-    if ((encoding & 0x7FU) != 0x10 && (encoding & 0x7FU) != 0x1B) {
-        notUnderstood(encoding);
+    std::int64_t distance = 0;
+    switch (encoding & ~INDIRECT) {
+        case EIGHT_BYTES:
+            distance = in.take<std::int64_t>();
+            break;
+        case FOUR_BYTES:
+            distance = in.take<std::int32_t>();
+            break;
+        default:
+            notUnderstood(encoding);
     }
-    const std::int64_t distance = narrow ? in.take<std::int32_t>() : in.take<std::int64_t>();
     if (distance == 0) {
         return nullptr;
     }
-    return (encoding & 0x80U) != 0 ? at<const std::uint8_t*>(place + distance) : place + distance;
+    const std::uint8_t* const found = place + distance;
+    return (encoding & INDIRECT) != 0 ? at<const std::uint8_t*>(found) : found;
 }
 
 /// Takes over an FDE of __eh_frame and the CIE it refers to.
 Entry copied(const std::uint8_t* fde) {
-    Reader in{fde + 4};
-    const std::uint8_t* const fdeEnd = in.next + at<std::uint32_t>(fde);
-    const std::uint8_t* const cie = in.next - in.take<std::uint32_t>();
-    Reader head{cie + 8};
+    Reader in{fde};
+    const auto fdeLength = in.take<std::uint32_t>();
+    const std::uint8_t* const fdeEnd = in.next + fdeLength;
+    const std::uint8_t* const distanceField = in.next;
+    const std::uint8_t* const cie = distanceField - in.take<std::uint32_t>();
+
+    Reader head{cie};
+    const auto cieLength = head.take<std::uint32_t>();
+    const std::uint8_t* const cieEnd = head.next + cieLength;
+    const auto id = head.take<std::uint32_t>();
     const auto version = head.take<std::uint8_t>();
     const std::string augmentation = head.text();
-    const std::uint64_t codeFactor = head.uleb();
-    if (version != 1 || codeFactor != 1 || head.take<std::uint8_t>() != 0x78 ||  // -8
-        head.take<std::uint8_t>() != RETURN_ADDRESS || augmentation[0] != 'z') {
+    const auto codeFactor = head.take<std::uint8_t>();
+    const auto dataFactor = head.take<std::uint8_t>();
+    const auto returnAddress = head.take<std::uint8_t>();
+    if (id != CIE_ID || version != CIE_VERSION || !augmentation.starts_with('z') ||
+        codeFactor != CODE_FACTOR || dataFactor != DATA_FACTOR || returnAddress != RETURN_ADDRESS) {
         fail("an entry of __eh_frame is not understood");
     }
-    const std::uint64_t length = head.uleb();
-    const std::uint8_t* const initial = head.next + length;
+    const std::uint64_t augmentationLength = head.uleb();
+    const std::uint8_t* const initialInstructions = head.next + augmentationLength;
+
     Entry entry{nullptr, 0};
-    std::uint8_t lsda = 0;
-    std::uint8_t address = 0;
+    std::uint8_t lsdaEncoding = 0;
+    std::uint8_t addressEncoding = 0;
     for (const char letter : augmentation.substr(1)) {
         const auto encoding = head.take<std::uint8_t>();
         switch (letter) {
@@ -233,35 +317,42 @@ Entry copied(const std::uint8_t* fde) {
                 entry.personality = pointer(head, encoding);
                 break;
             case 'L':
-                lsda = encoding;
+                lsdaEncoding = encoding;
                 break;
             case 'R':
-                address = encoding;
+                addressEncoding = encoding;
                 break;
             default:
                 fail("an entry of __eh_frame is not understood");
         }
     }
-    entry.function = pointer(in, address);
-    entry.size = address == 0x10 ? in.take<std::uint64_t>() : in.take<std::uint32_t>();
-    const std::uint64_t ownLength = in.uleb();
-    const std::uint8_t* const own = in.next + ownLength;
-    if (lsda != 0) {
-        entry.lsda = pointer(in, lsda);
+
+    entry.function = pointer(in, addressEncoding);
+    if (addressEncoding == EIGHT_BYTES) {
+        entry.size = in.take<std::uint64_t>();
+    } else {
+        entry.size = in.take<std::uint32_t>();
     }
-    entry.instructions.assign(initial, cie + 4 + at<std::uint32_t>(cie));
-    entry.instructions.insert(entry.instructions.end(), own, fdeEnd);
+    const std::uint64_t ownLength = in.uleb();
+    const std::uint8_t* const ownInstructions = in.next + ownLength;
+    if (lsdaEncoding != 0) {
+        entry.lsda = pointer(in, lsdaEncoding);
+    }
+    entry.instructions.assign(initialInstructions, cieEnd);
+    entry.instructions.insert(entry.instructions.end(), ownInstructions, fdeEnd);
     return entry;
 }
 
-/// __unwind_info: an index of pages, each a list of functions in the order of addresses.
+/// Makes the table of all entries of __unwind_info: an index of pages, each a list of functions in
+/// the order of their addresses.
 class Entries {
 public:
     explicit Entries(const Image& theImage)
-        : image(theImage), info(theImage.section("__unwind_info")->begin) {
-        const std::uint8_t* const index = info + field(20);
-        for (std::uint32_t i = 0; i + 1 < field(24); ++i) {
-            page(index + 12 * i);
+        : image(theImage),
+          section(theImage.section("__unwind_info")->begin),
+          info(at<format::UnwindInfo>(section)) {
+        for (std::uint32_t i = 0; i + 1 < info.pages.count; ++i) {
+            addPage(pageEntry(i), pageEntry(i + 1));
         }
         add(table, 0);
     }
@@ -269,70 +360,102 @@ public:
     Bytes table;
 
 private:
-    std::uint32_t field(std::uint64_t offset) const { return at<std::uint32_t>(info + offset); }
+    /// A function's offset from the header, and how it is unwound.
+    using Function = format::UnwindFunction;
 
-    void page(const std::uint8_t* index) {
-        const auto base = at<std::uint32_t>(index);
-        const auto next = at<std::uint32_t>(index + 12);
-        const std::uint8_t* const begin = info + at<std::uint32_t>(index + 4);
-        const auto kind = at<std::uint32_t>(begin);
-        const std::uint8_t* const list = begin + at<std::uint16_t>(begin + 4);
-        const auto count = at<std::uint16_t>(begin + 6);
-        if (kind != 2 && kind != 3) {
-            fail("a page of __unwind_info is not understood");
-        }
-        const auto offset = [&](std::uint32_t i) {
-            return i == count  ? next
-                   : kind == 2 ? at<std::uint32_t>(list + 8UL * i)
-                               : base + (at<std::uint32_t>(list + 4UL * i) & 0xFFFFFFU);
-        };
-        for (std::uint32_t i = 0; i < count; ++i) {
-            std::uint32_t encoding = 0;
-            if (kind == 2) {
-                encoding = at<std::uint32_t>(list + 8UL * i + 4);
-            } else {
-                const std::uint32_t number = at<std::uint32_t>(list + 4UL * i) >> 24U;
-                const std::uint32_t common = field(8);
-                encoding = number < common
-                               ? field(field(4) + 4UL * number)
-                               : at<std::uint32_t>(begin + at<std::uint16_t>(begin + 8) +
-                                                   4UL * (number - common));
-            }
-            if (encoding != 0 && offset(i) != offset(i + 1)) {  // 0: not unwound, as on a Mac
-                function(encoding, offset(i), offset(i + 1) - offset(i), index);
+    format::UnwindPageEntry pageEntry(std::uint32_t number) const {
+        return at<format::UnwindPageEntry>(section + info.pages.offset +
+                                           number * sizeof(format::UnwindPageEntry));
+    }
+
+    /// A function ends where the next one begins, the last one of a page where the next page does.
+    void addPage(const format::UnwindPageEntry& entry, const format::UnwindPageEntry& next) {
+        std::vector<Function> functions = functionsOf(entry);
+        functions.push_back({next.firstFunction, 0});
+        for (std::size_t i = 0; i + 1 < functions.size(); ++i) {
+            const Function& each = functions[i];
+            const std::uint32_t size = functions[i + 1].function - each.function;
+            if (each.encoding != 0 && size != 0) {  // 0: cannot be unwound, as on a Mac
+                addFunction(each, size, entry, next);
             }
         }
     }
 
-    void function(std::uint32_t encoding, std::uint32_t offset, std::uint32_t size,
-                  const std::uint8_t* index) {
-        if ((encoding >> 24U & 0xFU) == DWARF) {
-            check(copied(image.section("__eh_frame")->begin + (encoding & 0xFFFFFFU)));
+    std::vector<Function> functionsOf(const format::UnwindPageEntry& entry) const {
+        const std::uint8_t* const begin = section + entry.pageOffset;
+        const auto page = at<format::UnwindPage>(begin);
+        const std::uint8_t* const list = begin + page.functionsOffset;
+        std::vector<Function> functions;
+        for (std::uint32_t i = 0; i < page.functionCount; ++i) {
+            switch (page.kind) {
+                case format::REGULAR_PAGE:
+                    functions.push_back(at<Function>(list + i * sizeof(Function)));
+                    break;
+                case format::COMPRESSED_PAGE: {
+                    const auto packed = at<std::uint32_t>(list + i * sizeof(std::uint32_t));
+                    functions.push_back({entry.firstFunction + bits(packed, 0, 24),
+                                         encodingOf(bits(packed, 24, 8), begin)});
+                    break;
+                }
+                default:
+                    fail("a page of __unwind_info is not understood");
+            }
+        }
+        return functions;
+    }
+
+    /// The encoding of this number: the first ones are common to all pages, the others of this
+    /// page.
+    std::uint32_t encodingOf(std::uint32_t number, const std::uint8_t* pageBegin) const {
+        const std::uint8_t* list = section + info.commonEncodings.offset;
+        if (number >= info.commonEncodings.count) {
+            number -= info.commonEncodings.count;
+            list = pageBegin + at<format::UnwindPage>(pageBegin).encodingsOffset;
+        }
+        return at<std::uint32_t>(list + number * sizeof(std::uint32_t));
+    }
+
+    void addFunction(const Function& function, std::uint32_t size,
+                     const format::UnwindPageEntry& page, const format::UnwindPageEntry& next) {
+        const std::uint32_t encoding = function.encoding;
+        if (modeOf(encoding) == DWARF) {
+            const std::uint32_t offset = bits(encoding, 0, 24);
+            addChecked(copied(image.section("__eh_frame")->begin + offset));
             return;
         }
-        Entry entry{image.header + offset, size};
+        Entry entry{image.header + function.function, size};
         entry.instructions = instructions(encoding, entry.function);
-        const std::uint32_t personality = encoding >> 28U & 3U;
-        const bool hasLsda = (encoding >> 30U & 1U) != 0;
+        const std::uint32_t personality = bits(encoding, 28, 2);
         if (personality != 0) {
-            entry.personality =
-                at<const std::uint8_t*>(image.header + field(field(12) + 4UL * (personality - 1)));
+            entry.personality = personalityOf(personality - 1);
         }
-        if (hasLsda) {
-            const std::uint8_t* lsda = info + at<std::uint32_t>(index + 8);
-            const std::uint8_t* const end = info + at<std::uint32_t>(index + 20);
-            for (; lsda != end && at<std::uint32_t>(lsda) != offset; lsda += 8) {
-            }
-            if (lsda == end) {
-                fail("a function's list of handlers is missing");
-            }
-            entry.lsda = image.header + at<std::uint32_t>(lsda + 4);
+        const bool hasHandlers = bits(encoding, 30, 1) != 0;
+        if (hasHandlers) {
+            entry.lsda = handlersOf(function, page.handlersOffset, next.handlersOffset);
         }
-        check(entry);
+        addChecked(entry);
+    }
+
+    const std::uint8_t* personalityOf(std::uint32_t number) const {
+        const auto offset =
+            at<std::uint32_t>(section + info.personalities.offset + number * sizeof(std::uint32_t));
+        return at<const std::uint8_t*>(image.header + offset);
+    }
+
+    /// The list of handlers of a function, which the index has between these two offsets.
+    const std::uint8_t* handlersOf(const Function& function, std::uint32_t begin,
+                                   std::uint32_t end) const {
+        for (std::uint32_t offset = begin; offset < end; offset += sizeof(format::UnwindHandlers)) {
+            const auto each = at<format::UnwindHandlers>(section + offset);
+            if (each.function == function.function) {
+                return image.header + each.handlers;
+            }
+        }
+        fail("a function's list of handlers is missing");
     }
 
     /// The C++ library, and so the function that finds handlers, is linked into the slice.
-    void check(const Entry& entry) {
+    void addChecked(const Entry& entry) {
         const Section& text = *image.section("__text");
         if (entry.personality != nullptr &&
             (entry.personality < text.begin || entry.personality >= text.begin + text.size)) {
@@ -342,7 +465,8 @@ private:
     }
 
     const Image& image;
-    const std::uint8_t* info;
+    const std::uint8_t* section;
+    const format::UnwindInfo info;
 };
 
 }  // namespace
