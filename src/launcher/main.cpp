@@ -30,6 +30,10 @@
 
 namespace {
 
+/// What what(1) finds in the executable's file. Only a volatile that main reads stays there: the
+/// linker of the macOS executable drops any other constant, even one with the attribute "used".
+const volatile char IDENTIFICATION[] = "@(#)OrvaneService " ORVANE_VERSION;
+
 constexpr std::string_view USER_INSTALL_ARG = "-Duser.install=1";
 constexpr std::string_view SYS_INSTALL_ARG = "-Duser.install=0";
 
@@ -73,7 +77,7 @@ bool isArgInWhiteList(const std::string& arg) {
 /// not.
 std::vector<std::string> getJVMArgsFromFile(bool isUser) {
     std::vector<std::string> fileArgs;
-    std::ifstream file(launcher::getJVMArgsFilePath(!isUser));
+    std::ifstream file(launcher::getJVMArgsFilePath(/*isSystemInstall=*/!isUser));
     if (!file.is_open()) {
         return fileArgs;
     }
@@ -98,7 +102,7 @@ std::vector<std::string> getJVMArgsFromFile(bool isUser) {
 
 /// Returns the VM options in order: defaults, override file, marker of a per-user run.
 std::vector<std::string> getJVMArgs(bool isUser) {
-    std::vector<std::string> jvmArgs = launcher::getDefaultJVMArgs(!isUser);
+    std::vector<std::string> jvmArgs = launcher::getDefaultJVMArgs(/*isSystemInstall=*/!isUser);
     const std::vector<std::string> fileArgs = getJVMArgsFromFile(isUser);
     jvmArgs.insert(jvmArgs.end(), fileArgs.begin(), fileArgs.end());
     if (isUser) {
@@ -108,11 +112,9 @@ std::vector<std::string> getJVMArgs(bool isUser) {
 }
 
 /// Writes each element and a line feed to standard output without flushing.
-constexpr struct {
-    void operator()(const std::vector<std::string>& list) const {
-        std::copy(list.begin(), list.end(), std::ostream_iterator<std::string>(std::cout, "\n"));
-    }
-} print;
+constexpr auto print = [](const std::vector<std::string>& list) {
+    std::copy(list.begin(), list.end(), std::ostream_iterator<std::string>(std::cout, "\n"));
+};
 
 void printJVMAndAppArgs(const std::vector<std::string>& jvmArgs,
                         const std::vector<std::string>& appArgs) {
@@ -127,9 +129,6 @@ void printJVMAndAppArgs(const std::vector<std::string>& jvmArgs,
 
 namespace launcher {
 
-// Declared for -Wmissing-declarations.
-void printUserLevel(bool isUser);
-
 void printUserLevel(bool isUser) {
     std::cout << "Launching as " << (isUser ? "user" : "system") << std::endl;
 }
@@ -137,6 +136,7 @@ void printUserLevel(bool isUser) {
 }  // namespace launcher
 
 int main(int argc, char* argv[]) {
+    static_cast<void>(IDENTIFICATION[0]);
     const std::vector<std::string> commandLine(argv + 1, argv + argc);
     const bool isUser = isUserInstall(commandLine);
     launcher::printUserLevel(isUser);

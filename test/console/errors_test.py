@@ -42,6 +42,14 @@ def test_a_runtime_error_out_of_any_call_is_reported_with_the_vm_destroyed(
     )
 
 
+def test_an_error_derived_from_a_runtime_error_is_reported_with_its_own_message(system_wide):
+    if platform.FOREIGN_ERRORS:
+        impossible("the runtime's C++ library is another than the program's")
+    assert system_wide.run(b"a", error="derived_error CallStaticVoidMethod") == Run(
+        1, STARTED, expected.vm_error(b"a derived error"), CALLS[:11] + DESTRUCTION
+    )
+
+
 @pytest.mark.parametrize(
     "error, kind, what",
     [

@@ -4,8 +4,8 @@ import subprocess
 
 import pytest
 
-from support import LINUX, expected, impossible
-from support.launcher import ALICE, PER_USER, Run, finished
+from support import LINUX, VERSION, expected, impossible
+from support.launcher import ALICE, PER_USER, PROGRAM, Run, finished
 
 
 def writes(launcher, *arguments, with_stderr=False, **behaviour):
@@ -138,8 +138,21 @@ def test_a_missing_class_or_method_is_reported_after_the_vm_has_been_destroyed(
             },
         ),
         ("missing_class", "java/lang/String", {"class#2": "null"}),
+        (
+            "no_result",
+            "NewStringUTF",
+            {"string#1": "null", "string#2": "null", '["a"]': "[null]"},
+        ),
+        ("no_result", "NewObjectArray", {'array#1 ["a"]': "null", "array#1": "null"}),
     ],
-    ids=["DestroyJavaVM", "DetachCurrentThread", "AttachCurrentThread", "FindClass of String"],
+    ids=[
+        "DestroyJavaVM",
+        "DetachCurrentThread",
+        "AttachCurrentThread",
+        "FindClass of String",
+        "NewStringUTF",
+        "NewObjectArray",
+    ],
 )
 def test_other_failures_of_the_runtime_are_ignored(system_wide, failure, result, changed):
     calls = "\n".join(expected.calls(arguments=[b"a"]))
@@ -148,3 +161,8 @@ def test_other_failures_of_the_runtime_are_ignored(system_wide, failure, result,
     assert system_wide.run(b"a", **{failure: result}) == finished(arguments=[b"a"])._replace(
         calls=calls.split("\n")
     )
+
+
+def test_the_programs_file_tells_its_version_to_what():
+    found = re.findall(rb"@\(#\)[^\0]*", PROGRAM.read_bytes())
+    assert found == [f"@(#)OrvaneService {VERSION}".encode()]

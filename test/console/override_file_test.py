@@ -179,3 +179,13 @@ def test_a_named_pipe_is_read_like_a_file(system_wide):
     assert system_wide.root.run(["mkfifo", path]) == (0, b"", b"")
     with system_wide.root.start(["sh", "-c", 'printf "%s\\n" -Xmx2g -Xmx3g >"$0"', path]):
         assert system_wide.run() == finished(lines=[b"-Xmx2g", b"-Xmx3g"])
+
+
+def test_a_line_is_rejected_without_reading_the_file_to_its_end(system_wide):
+    path = path_of_file(system_wide)
+    assert system_wide.root.run(["mkfifo", path]) == (0, b"", b"")
+    # More than the C++ library reads at once; after that the pipe stays open.
+    content = b"-bad\n" + b"-Xmx2g\n" * 2000
+    writer = ["sh", "-c", '{ printf %s "$1"; exec sleep 1000; } >"$0"', path, content]
+    with system_wide.root.start(writer):
+        assert system_wide.run() == rejected(b"-bad")

@@ -1,11 +1,17 @@
 """What an operator sees when the installed service cannot start: in the launcher's words, or in those
 of the VM, which differ from JDK to JDK."""
 
+import os
+import pathlib
+import subprocess
+
 import pytest
 
 from support import expected, impossible, LINUX
 from support.bundle import CDS_ARCHIVE, JAR, with_every_jdk
 from support.launcher import ABORTED
+
+JAVAC = pathlib.Path(os.environ.get("JAVA_HOME", "/usr"), "bin/javac")
 
 
 @pytest.mark.parametrize("jar", [None, b"not a jar"])
@@ -17,6 +23,27 @@ def test_a_jar_without_the_service_is_reported(copied, jar):
         copied.until_vm(b"a"),
         expected.vm_error(
             b"Class Error. Couldn't find parent class 'com/vaultory/service/QRService'"
+        ),
+    )
+
+
+def test_a_main_that_is_not_static_is_reported(copied, tmp_path):
+    source = tmp_path / "QRService.java"
+    source.write_text(
+        "package com.vaultory.service; public class QRService { public void main(String[] args) {} }"
+    )
+    javac = [JAVAC, "--release", "11", "-d", tmp_path, source]
+    subprocess.run(javac, check=True)
+    # In the jar's place the class is found in the directory that follows it.
+    copied.replace(JAR, None)
+    copied.replace(CDS_ARCHIVE, None)  # it belongs to the jar
+    name = "com/vaultory/service/QRService.class"
+    copied.root.put(copied.resource("lang") / name, (tmp_path / name).read_bytes())
+    assert copied.run("a") == (
+        1,
+        copied.until_vm(b"a"),
+        expected.vm_error(
+            b"Couldn't find method 'main' with proper signature of '([Ljava/lang/String;)V'"
         ),
     )
 

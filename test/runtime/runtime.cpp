@@ -97,6 +97,10 @@ std::string name(const void* reference) {
     return reference == nullptr ? "null" : object(reference).name;
 }
 
+std::string text(const void* reference) {
+    return reference == nullptr ? "null" : object(reference).texts.at(0);
+}
+
 std::string literal(const char* text) {
     constexpr std::string_view DIGITS = "0123456789abcdef";
     std::string result = "\"";
@@ -121,9 +125,18 @@ std::string list(const std::vector<std::string>& texts) {
     return "[" + result + "]";
 }
 
+/// Sliced by a handler that takes it by value, it loses its message.
+struct DerivedError : std::runtime_error {
+    DerivedError() : std::runtime_error("sliced") {}
+    const char* what() const noexcept override { return "a derived error"; }
+};
+
 void raise(const std::string& kind) {
     if (kind == "runtime_error") {
         throw std::runtime_error("a runtime error");
+    }
+    if (kind == "derived_error") {
+        throw DerivedError();
     }
     if (kind == "logic_error") {
         throw std::logic_error("a logic error");
@@ -178,23 +191,31 @@ jmethodID JNICALL getStaticMethodID(JNIEnv* env, jclass parent, const char* meth
     return reinterpret_cast<jmethodID>(result);
 }
 
+/// Returns a new object, unless the function is configured to have no result.
+Object* resultOf(const std::string& function, const std::string& kind,
+                 const std::vector<std::string>& texts) {
+    return function == variable("RUNTIME_NO_RESULT") ? nullptr : add(kind, texts);
+}
+
 jstring JNICALL newStringUTF(JNIEnv* env, const char* bytes) {
-    Object* const result = add("string", {literal(bytes)});
+    Object* const result = resultOf("NewStringUTF", "string", {literal(bytes)});
     record(env, "NewStringUTF", literal(bytes), name(result));
     return reinterpret_cast<jstring>(result);
 }
 
 jobjectArray JNICALL newObjectArray(JNIEnv* env, jsize length, jclass elementClass,
                                     jobject initial) {
-    Object* const result = add("array", std::vector<std::string>(static_cast<std::size_t>(length),
-                                                                 object(initial).texts.at(0)));
+    const std::vector<std::string> texts(static_cast<std::size_t>(length), text(initial));
+    Object* const result = resultOf("NewObjectArray", "array", texts);
     record(env, "NewObjectArray",
            std::to_string(length) + ", " + name(elementClass) + ", " + name(initial), name(result));
     return reinterpret_cast<jobjectArray>(result);
 }
 
 void JNICALL setObjectArrayElement(JNIEnv* env, jobjectArray array, jsize index, jobject element) {
-    object(array).texts.at(static_cast<std::size_t>(index)) = object(element).texts.at(0);
+    if (array != nullptr) {
+        object(array).texts.at(static_cast<std::size_t>(index)) = text(element);
+    }
     record(env, "SetObjectArrayElement",
            name(array) + ", " + std::to_string(index) + ", " + name(element));
 }
@@ -203,9 +224,11 @@ void JNICALL setObjectArrayElement(JNIEnv* env, jobjectArray array, jsize index,
 void JNICALL callStaticVoidMethodV(JNIEnv* env, jclass parent, jmethodID method,
                                    va_list arguments) {
     auto* const array = va_arg(arguments, jobjectArray);
-    record(
-        env, "CallStaticVoidMethod",
-        name(parent) + ", " + name(method) + ", " + name(array) + " " + list(object(array).texts));
+    std::string argument = name(array);
+    if (array != nullptr) {
+        argument += ' ' + list(object(array).texts);
+    }
+    record(env, "CallStaticVoidMethod", name(parent) + ", " + name(method) + ", " + argument);
     writeTo(STDOUT_FILENO, variable("RUNTIME_OUTPUT"));
 }
 

@@ -12,8 +12,10 @@
 ///
 ///     RUNTIME_{CREATE,DESTROY,ATTACH,DETACH}_STATUS   the function's result; unless 0, no env
 ///     RUNTIME_MISSING_CLASS, RUNTIME_MISSING_METHOD   the lookup of this name returns null
+///     RUNTIME_NO_RESULT   this function, NewStringUTF or NewObjectArray, returns null
 ///     RUNTIME_ERROR     "KIND FUNCTION N": a C++ error thrown by the Nth call (or first) of the
-///                       function; KIND is runtime_error, logic_error or int
+///                       function; KIND is runtime_error, derived_error (from that), logic_error
+///                       or int
 ///     RUNTIME_OUTPUT    the Java method writes it to descriptor 1
 ///
 /// The record has one line per call. Strings are in double quotes, with \" and \\, and \xNN for

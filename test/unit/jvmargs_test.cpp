@@ -9,6 +9,7 @@
 namespace {
 
 std::string executablePath;
+int questions = 0;  // how often the platform was asked for it
 
 std::string userPathIn(const std::string& exeDir, const std::string& root = "/Users/",
                        const std::string& separators = "/") {
@@ -22,6 +23,11 @@ std::string userPathIn(const std::string& exeDir, const std::string& root = "/Us
     for (volatile char& byte : bytes) {
         byte = 'x';
     }
+}
+
+TEST(InstallLocations, A_path_without_slash_and_backslash_is_its_own_directory) {
+    executablePath = "service";
+    EXPECT_EQ(launcher::getExeDir(), "service");
 }
 
 TEST(InstallLocations, A_path_that_does_not_fit_leaves_nothing_of_what_was_on_the_stack) {
@@ -42,15 +48,33 @@ TEST(InstallLocations, Any_of_the_separators_ends_the_home_directorys_name) {
     EXPECT_EQ(userPathIn("/Users/alice/MacOS", "/Users/", ""), "/Users/alice/MacOS/S");
 }
 
-TEST(InstallLocations, Another_root_replaces_Users_and_an_empty_one_is_found_at_the_start) {
+TEST(InstallLocations,
+     Another_root_replaces_Users_found_or_not_and_an_empty_one_is_found_at_the_start) {
     EXPECT_EQ(userPathIn("/Users/alice/home/bob/MacOS", "/home/"), "/home/bob/S");
     EXPECT_EQ(userPathIn("alice/MacOS", ""), "alice/S");
+    EXPECT_EQ(userPathIn("/Users/alice", "/home/"), "/home/s/S");
+}
+
+TEST(InstallLocations, System_wide_paths_do_not_ask_for_the_executables) {
+    questions = 0;
+    launcher::getJVMArgsFilePath(true);
+    launcher::getDefaultJVMArgs(true);
+    EXPECT_EQ(questions, 0);
+}
+
+TEST(DefaultOptions, Two_calls_give_equal_lists) {
+    executablePath = "/Users/alice/service";
+    for (const bool isSystemInstall : {false, true}) {
+        EXPECT_EQ(launcher::getDefaultJVMArgs(isSystemInstall),
+                  launcher::getDefaultJVMArgs(isSystemInstall));
+    }
 }
 
 }  // namespace
 
 /// In place of the platform's answer.
 int launcher::getExecutablePath(char* buffer, std::uint32_t* size) {
+    ++questions;
     if (executablePath.size() >= *size) {
         return -1;
     }
