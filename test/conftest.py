@@ -7,9 +7,15 @@ import pytest
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 sys.dont_write_bytecode = True
 
-from support import unavailable  # noqa: E402
+from support import macos, unavailable  # noqa: E402
 from support.launcher import Launcher  # noqa: E402
 from support.root import Root  # noqa: E402
+
+
+@pytest.hookimpl(trylast=True)
+def pytest_runtest_call(item):
+    """Called after the test itself, if that has passed."""
+    macos.check(item.nodeid)
 
 
 def _root():

@@ -37,7 +37,7 @@ def long_path(size):
     [
         "/OrvaneService",
         "/Users/alice/OrvaneService",
-        pytest.param(long_path(1025), id="of 1025 bytes"),
+        pytest.param(long_path(1025), id="1025 bytes"),
     ],
 )
 def test_the_paths_of_a_system_wide_run_do_not_depend_on_the_programs_location(
@@ -54,7 +54,7 @@ def test_the_paths_of_a_system_wide_run_do_not_depend_on_the_programs_location(
         pytest.param(
             b"/Users/al ice\xff\\/bin/OrvaneService",
             b"/Users/al ice\xff\\",
-            id="with a space and other bytes than UTF-8",
+            id="with bytes that are not UTF-8",
         ),
         pytest.param(
             b"/Volumes/Data/Users/user2/App/OrvaneService",
@@ -81,7 +81,8 @@ def test_the_programs_path_names_the_home(system_wide, program, home):
 
 
 @pytest.mark.parametrize(
-    "program, size", [("/service", 0), ("/five/service", 5), ("/a\\service", 2)]
+    "program, size",
+    [("/service", 0), ("/tmp/service", 4), ("/five/service", 5), ("/a\\service", 2)],
 )
 def test_a_program_in_a_directory_of_fewer_than_six_bytes_aborts_per_user(
     system_wide, program, size
@@ -146,10 +147,11 @@ def test_links_and_dots_in_the_programs_path_are_not_resolved(system_wide):
 
 
 def test_the_runtime_is_searched_from_the_working_directory_alone(system_wide):
-    run = system_wide.run(cwd="/")
+    cwd = system_wide.root.directory("/Users/alice/bin")
+    run = system_wide.run(cwd=cwd)
     assert run == Run(platform.NO_RUNTIME, b"", run.stderr, [], normal_end=False)
-    system_wide.put_runtime("")
-    assert system_wide.run(cwd="/") == finished()
+    system_wide.put_runtime("/Users/alice")
+    assert system_wide.run(cwd=cwd) == finished()
 
 
 def test_the_runtime_is_found_in_the_server_directory_and_then_in_the_jli_directory(system_wide):

@@ -4,14 +4,14 @@ import subprocess
 
 import pytest
 
-from support import LINUX, VERSION, expected, impossible
+from support import VERSION, expected
 from support.launcher import ALICE, PER_USER, PROGRAM, Run, finished
+from support.macos import needs
 
 
 def writes(launcher, *arguments, with_stderr=False, **behaviour):
     """The status and each write of a run to standard output, the stand-in's record among them."""
-    if not LINUX:
-        impossible("a Mac has no local socket that keeps packets apart")
+    needs("local sockets that keep packets apart")
     ours, theirs = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
     streams = {"stdout": theirs, **({"stderr": theirs} if with_stderr else {})}
     written = []

@@ -7,9 +7,10 @@ import subprocess
 
 import pytest
 
-from support import expected, impossible, LINUX
+from support import LINUX, expected
 from support.bundle import CDS_ARCHIVE, JAR, with_every_jdk
 from support.launcher import ABORTED
+from support.macos import needs
 
 JAVAC = pathlib.Path(os.environ.get("JAVA_HOME", "/usr"), "bin/javac")
 
@@ -79,8 +80,7 @@ def test_where_the_VM_cannot_allocate_its_heap_the_service_does_not_start(bundle
 
 @pytest.mark.parametrize("megabytes", [100, 400, 1000])
 def test_where_the_VM_finds_no_memory_the_service_does_not_start(bundle, megabytes):
-    if not LINUX:
-        impossible("a Mac does not limit the address space of a process")
+    needs("limit on the address space of a process")
     result = bundle.run("a", prefix=["prlimit", f"--as={megabytes << 20}"])
     assert_no_service(result, [1], bundle.until_vm(b"a"))
 

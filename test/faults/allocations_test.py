@@ -4,6 +4,7 @@ import pytest
 
 from support import BUILD_DIR, expected, platform
 from support.launcher import ABORTED, ALICE, PER_USER, finished
+from support.macos import needs
 from support.root import SCRATCH
 
 LINES = [b"-Xmx1g", b"-Dorv.security.mode=" + b"m" * 3000, b"-Djava.net.preferIPv4Stack=true"]
@@ -14,6 +15,7 @@ INJECTOR = SCRATCH + "/allocation_fault.so"  # LD_PRELOAD takes no path with a s
 
 @pytest.fixture
 def launcher(per_user):
+    needs("LD_PRELOAD")
     per_user.root.put(INJECTOR, BUILD_DIR / "test/liballocation_fault.so")
     return per_user
 

@@ -4,6 +4,7 @@ import subprocess
 
 import pytest
 from support import BUILD_DIR, impossible, platform
+from support.macos import needs
 
 C_FUNCTIONS = {
     "JNI_CreateJavaVM",
@@ -35,6 +36,7 @@ NOT_USED = [
 
 @pytest.fixture
 def imports():
+    needs("libstdc++")
     if platform.LIBCXX:
         impossible("the headers of libc++ import C functions that libstdc++ has in its library")
     source = BUILD_DIR / "src"

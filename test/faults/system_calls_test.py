@@ -6,6 +6,7 @@ import pytest
 
 from support import platform
 from support.launcher import OVERRIDE_FILE, finished
+from support.macos import needs
 from support.root import SCRATCH
 
 LINES = [b"-Xmx%dm" % size + b" " * 3000 for size in range(1, 9)]
@@ -25,6 +26,7 @@ LOADER = (
 
 @pytest.fixture
 def launcher(system_wide):
+    needs("strace")
     system_wide.put_override_file(CONTENT)
     return system_wide
 

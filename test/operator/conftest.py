@@ -10,7 +10,7 @@ from support import impossible, unavailable  # noqa: E402
 
 
 @pytest.fixture
-def users():
+def users(root):
     """Other accounts than root, to whom files and processes can belong."""
     from support.root import USER
 

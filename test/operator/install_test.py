@@ -15,6 +15,7 @@ import pytest
 
 from machine import ALICE, MAC, delete, put
 from support import CONTENTS, ROOT, unavailable
+from support.macos import needs
 from support.root import Process
 
 TRIALS = int(os.environ.get("TRIALS", "2"))
@@ -421,6 +422,7 @@ def test_the_system_wide_service_is_root_s(machine, users):
 
 
 def test_of_a_bundle_root_executes_only_the_script_that_was_called(machine):
+    needs("strace")
     if not shutil.which("strace"):
         unavailable("there is no strace")
     machine.good("1")

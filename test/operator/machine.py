@@ -20,8 +20,9 @@ import threading
 import time
 
 from support import CONTENTS, ROOT
+from support.root import SCRATCH, USER
 
-MAC = pathlib.Path("/tmp/orvane/mac")
+MAC = pathlib.Path(SCRATCH, "mac")
 ALICE = pwd.getpwnam("nobody")  # any ordinary account
 SCALE = 200
 PROGRAMS = {
@@ -312,6 +313,9 @@ class Machine:
         if user:
             self.give(self.home)
         self.shared = {path: path.stat() for path in self.shared}
+        if not user and USER is not None:  # root:admin 775, as on a Mac
+            os.chown(self.app.parent, 0, 80)
+            self.app.parent.chmod(0o775)
         for name, text in {"launchctl": CLIENT, "plutil": CLIENT, **STAND_INS}.items():
             self.stand_in(name, text.replace("ACL", ""))
         self.model = Model()

@@ -4,7 +4,9 @@ import os
 import subprocess
 
 import pytest
-from support import CONTENTS, LINUX, ROOT, impossible
+from support import CONTENTS, ROOT, impossible
+from support.macos import needs
+from support.root import SCRATCH
 
 PARENT = "/Library/Application Support"
 STAGE = PARENT + "/Orvane.installing"
@@ -13,19 +15,16 @@ INSTALL = f"{STAGE}/{CONTENTS}/Resources/operator/install"
 
 @pytest.fixture
 def stage(root):
-    if LINUX:
-        root.directory(PARENT + "/another's")
-        for directory in "/Library", PARENT:  # as on a Mac
-            os.chown(directory, 0, 0)
+    root.directory(PARENT + "/another's")
     for tool in "find", "rm":
-        root.put(f"/tmp/orvane/{tool}", b"#!/bin/sh\necho the caller's $0\n", 0o755)
+        root.put(f"{SCRATCH}/{tool}", b"#!/bin/sh\necho the caller's $0\n", 0o755)
     return root.path(STAGE)
 
 
 def call(script, volume="/"):
     """(status, output)"""
     command = f"'{ROOT}/bundle/package/{script}' /Orvane.pkg '{STAGE}' {volume} / 2>&1"
-    return subprocess.getstatusoutput("PATH=/tmp/orvane:/usr/bin:/bin " + command)
+    return subprocess.getstatusoutput(f"PATH={SCRATCH}:/usr/bin:/bin {command}")
 
 
 @pytest.mark.parametrize("status", [0, 3])
@@ -44,9 +43,9 @@ def test_another_volume_is_rejected_and_what_an_interrupted_installation_left_re
         True,
     )
     assert (call("preinstall"), stage.exists()) == ((0, ""), False)
-    stage.symlink_to(root.put("/tmp/orvane/others/file", b"").parent)
+    stage.symlink_to(root.put(f"{SCRATCH}/others/file", b"").parent)
     assert (call("preinstall"), os.path.lexists(stage)) == ((0, ""), False)
-    assert os.listdir("/tmp/orvane/others") == ["file"]
+    assert os.listdir(f"{SCRATCH}/others") == ["file"]
 
 
 @pytest.mark.parametrize("directory", ["/Library", PARENT])
@@ -61,10 +60,13 @@ def test_another_volume_is_rejected_and_what_an_interrupted_installation_left_re
             's() { rm "$1" && mv "$1.real" "$1"; }; s',
         ),
     ],
+    ids=["writable by a group", "writable by all", "of another owner", "a link"],
 )
 def test_nothing_is_put_where_others_may_write(root, stage, directory, change, undo):
-    if not LINUX or subprocess.run(["sh", "-c", change + ' "$0"', directory]).returncode:
-        impossible("a Mac needs them as they are; a namespace can have one user, or a mount there")
+    if "mv" in change:
+        needs("system directories that can be renamed")
+    if subprocess.run(["sh", "-c", change + ' "$0"', directory]).returncode:
+        impossible("this namespace has one user, or a mount there")
     try:
         assert call("preinstall") == (
             1,

@@ -18,7 +18,9 @@ import zipfile
 
 import pytest
 
-from support import BUILD_DIR, CONTENTS, LINUX, ROOT, VERSION, impossible
+from support import BUILD_DIR, CONTENTS, LINUX, ROOT, VERSION, unavailable
+from support.macos import needs
+from support.root import SCRATCH
 
 JDK = pathlib.Path(os.environ["JAVA_HOME"])
 JAVA = int(re.search(r'^JAVA_VERSION="(\d+)', (JDK / "release").read_text(), re.M)[1])
@@ -295,7 +297,7 @@ def applications(tmp_path_factory, made):
 
 def test_the_bundle_starts_from_its_archive_after_tar_in_each_mode(root, applications):
     for home, marker in ("", []), ("/Users/two words", ["-Duser.install=1"]):
-        options = "-Xlog:class+load:file=/tmp/orvane/loaded:none -XX:+PrintFlagsFinal"
+        options = f"-Xlog:class+load:file={SCRATCH}/loaded:none -XX:+PrintFlagsFinal"
         place = f"{home}/Applications"
         root.copy(applications / "Orvane.app", f"{place}/Orvane.app")
         run = root.run(
@@ -305,7 +307,7 @@ def test_the_bundle_starts_from_its_archive_after_tar_in_each_mode(root, applica
         )
         assert (run.status, PRINTED in run.stdout) == (0, True), run
         assert re.search(rb"\bErrorFile += /Library/Logs/OrvaneService-%p.log ", run.stdout)
-        sources = loaded("/tmp/orvane/loaded")
+        sources = loaded(SCRATCH + "/loaded")
         assert sources.count("shared objects file") / len(sources) >= 0.95
 
 
@@ -320,10 +322,10 @@ def run_copy(root, source, change=lambda resources: None):
     run = root.run(
         ["./OrvaneService"],
         cwd=contents / "MacOS",
-        env={"JAVA_TOOL_OPTIONS": "-Xlog:disable -Xlog:class+load:file=/tmp/orvane/loaded:none"},
+        env={"JAVA_TOOL_OPTIONS": f"-Xlog:disable -Xlog:class+load:file={SCRATCH}/loaded:none"},
     )
     assert (run.status, PRINTED in run.stdout) == (0, True), run
-    return loaded("/tmp/orvane/loaded", "com.vaultory[.]service[.]QRService")
+    return loaded(SCRATCH + "/loaded", "com.vaultory[.]service[.]QRService")
 
 
 def remove_the_archive(resources):
@@ -557,8 +559,7 @@ def test_a_signed_bundle_is_replaced_with_force_alone(tmp_path, mine):
 
 
 def test_a_signal_while_the_former_bundle_is_replaced_leaves_the_new_one(tmp_path, mine):
-    if not LINUX:
-        impossible("there is no strace")
+    needs("strace")
     (tmp_path / "dist/Orvane.app/former").mkdir(parents=True)
     run = call(
         "-qqq",
@@ -761,7 +762,7 @@ def macos_jmods(directory, modules):
     """These modules for macOS on amd64, with a libjvm.dylib for 12.3; hashes of each other are hidden."""
     directory.mkdir()
     if not (JDK / "jmods").is_dir():
-        impossible(f"{JDK} has no jmods")
+        unavailable(f"{JDK} has no jmods")
     for module in modules:
         made = directory / f"{module}.jmod"
         with zipfile.ZipFile(JDK / f"jmods/{module}.jmod") as old, open(made, "wb") as file:

@@ -94,6 +94,7 @@ def test_CI_ends_with_the_first_script_that_fails(checkout, failing):
             checkout / "script" / name,
             f'set -- {name} "$@"; echo "$CI $*"; [ "$*" != "{failing}" ]\n',
         )
+    command(checkout.parent / "bin/uname", "echo Linux\n")
     names = [
         "check",
         "cross-macos",
@@ -106,3 +107,13 @@ def test_CI_ends_with_the_first_script_that_fails(checkout, failing):
     result = run(checkout, checkout / ".ci/run")
     assert result.stdout.splitlines() == ["true " + name for name in expected]
     assert result.returncode == (1 if failing else 0)
+
+
+def test_CI_says_on_a_Mac_that_it_runs_on_Debian_alone(checkout):
+    command(checkout.parent / "bin/uname", "echo Darwin\n")
+    result = run(checkout, checkout / ".ci/run")
+    assert (result.returncode, result.stdout, result.stderr) == (
+        1,
+        "",
+        f"{checkout}/.ci/run runs on Debian alone: here call script/test\n",
+    )

@@ -9,7 +9,7 @@ import subprocess
 import time
 import typing
 
-from . import LINUX, impossible
+from .macos import needs
 
 # What a machine may have already; anything else must have been created here.
 SHARED = [
@@ -21,9 +21,12 @@ SHARED = [
     "/Library/Logs",
     "/Users",
     "/Volumes",
+    "/private",
+    "/private/tmp",
     "/tmp",
 ]
-SCRATCH = "/tmp/orvane"  # for the tests' own files, writable for everybody
+# For the tests' own files, writable for everybody; /tmp is a link to /private/tmp on macOS.
+SCRATCH = os.path.realpath("/tmp") + "/orvane"
 
 _uids = pathlib.Path("/proc/self/uid_map")
 _all_users = os.geteuid() == 0 and (not _uids.exists() or int(_uids.read_text().split()[2]) > 1000)
@@ -84,8 +87,7 @@ class Root:
     def path(self, inside):
         """The absolute path, str or bytes, as a Path; what is missing of it is removed at the end."""
         path = pathlib.Path(os.fsdecode(inside))
-        if not LINUX:
-            reject_impossible(path)
+        say_what_is_needed(path)
         places = [*reversed(path.parents), path]
         missing = [place for place in places if not os.path.lexists(place)]
         present = places[len(places) - len(missing) - 1]
@@ -115,7 +117,8 @@ class Root:
         for place in [*reversed(path.parents), path]:
             if not place.exists():
                 place.mkdir()
-                give(place)
+                if str(place) not in SHARED:  # a Mac's own directories belong to root
+                    give(place)
         return path
 
     def copy(self, outside, inside):
@@ -202,14 +205,11 @@ def remove(path):
         path.unlink()
 
 
-def reject_impossible(path):
-    """Skips the test if a Mac cannot have this path."""
-    if (
-        "/" + path.parts[1] not in [place for place in SHARED if place != "/"]
-        or len(path.parts) < 3
-    ):
-        impossible("a Mac has no other files in its root directory")
+def say_what_is_needed(path):
+    """Skips the test if macOS cannot have this path."""
+    if len(path.parts) > 1 and "/" + path.parts[1] not in SHARED:
+        needs("other files in its root directory")
     if any(0xD800 <= ord(character) <= 0xDFFF for character in str(path)):
-        impossible("a Mac has no file names that are not UTF-8")
+        needs("file names that are not UTF-8")
     if len(os.fsencode(path)) > 1023:
-        impossible("a Mac has no path of more than 1,023 bytes")
+        needs("paths of more than 1,023 bytes")
