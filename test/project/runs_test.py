@@ -6,7 +6,7 @@ import subprocess
 
 import pytest
 
-from support import ROOT
+from support import ROOT, macos
 
 PASSED = '<testsuite><testcase name="Unit.test" status="run"/>{}</testsuite>'
 SUITE = '<testcase name="console" status="run"/>'
@@ -117,3 +117,20 @@ def test_CI_says_on_a_Mac_that_it_runs_on_Debian_alone(checkout):
         "",
         f"{checkout}/.ci/run runs on Debian alone: here call script/test\n",
     )
+
+
+def test_a_test_is_skipped_on_macOS_only_if_it_is_listed_and_needs_what_macOS_lacks(
+    request, tmp_path, monkeypatch
+):
+    listed = tmp_path / "list"
+    listed.write_text("")
+    with monkeypatch.context() as replaced:
+        replaced.setattr(macos, "LIST", listed)
+        replaced.setattr(macos, "LINUX", False)
+        with pytest.raises(pytest.fail.Exception, match="macOS has no strace: do without, or list"):
+            macos.needs("strace")
+        listed.write_text(f"strace\n    {request.node.nodeid}\n")
+        with pytest.raises(pytest.skip.Exception, match="macOS has no strace"):
+            macos.needs("strace")
+        with pytest.raises(pytest.fail.Exception, match="no need of strace: remove "):
+            macos.check(request.node.nodeid)
