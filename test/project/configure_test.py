@@ -13,7 +13,7 @@ from support import LINUX, ROOT, impossible
 def jdk8(tmp_path):
     """What CMake looks at in a JDK 8: the version that it prints, and where its files are."""
     if not LINUX:
-        impossible("a Mac links a stub of libjvm from the checkout")
+        impossible("a build on a Mac links a stub of libjvm, not that of a JDK")
     home = tmp_path / "jdk 8"
     machine = {"x86_64": "amd64"}.get(os.uname().machine, os.uname().machine)
     for name in (
