@@ -1,8 +1,13 @@
 """Compares the launcher with other ways to start the same service, and writes REPORT.md: bench.py JDK...
-script/bench calls it in the namespace of the tests, where it can write the override file."""
 
+script/bench calls it in the namespace of the tests, where it can write the override file. The first JDK
+is that of the sample and of the counts, and every one that of the larger service.
+"""
+
+import datetime
 import os
 import pathlib
+import platform
 import random
 import re
 import shutil
@@ -12,7 +17,8 @@ import sys
 import time
 
 SOURCE = pathlib.Path(__file__).resolve().parents[1]
-BENCH, WORK = SOURCE / "bench", pathlib.Path("/tmp/bench")
+BENCH = SOURCE / "bench"
+WORK = pathlib.Path("/tmp/bench")
 CONTENTS = "Orvane.app/Contents/Library/LaunchServices/OrvaneService.app/Contents"
 OVERRIDE_FILE = pathlib.Path("/Library/Application Support/Quillrest/conf/jvm_args")
 OPTIONS = (
@@ -20,20 +26,26 @@ OPTIONS = (
 )
 SERVICE = "com.vaultory.service.QRService"
 CLASS_PATH = "../Resources/lib/com.vaultory.desktop.jar:../Resources/lang"
-DAEMON = "/usr/share/java/commons-daemon.jar"
-ENV = {
-    "PATH": "/nonexistent",
-    "LC_ALL": "C.UTF-8",
-}  # jpackage's program asks a package manager on PATH
-WARM_UP, FEWEST, MOST, SECONDS = (
-    2,
-    10,
-    100,
-    90,
-)  # rounds; more than the fewest only in these seconds
+COMMONS_DAEMON = "/usr/share/java/commons-daemon.jar"
+HSQLDB = "/usr/share/java/hsqldb.jar"
+# Every program gets the same, and no PATH: jpackage's asks the package manager that it finds there.
+ENVIRONMENT = {"PATH": "/nonexistent", "LC_ALL": "C.UTF-8"}
+
+WARM_UP_ROUNDS = 2
+FEWEST_ROUNDS = 10
+MOST_ROUNDS = 100
+SECONDS_PER_RACE = 90  # after which there are no more rounds than the fewest
+
+# What jpackage passes to jlink itself, without --strip-native-commands: jlink archives classes with the
+# runtime's `java`.
+JLINK_OPTIONS = "--strip-debug --no-man-pages --no-header-files --generate-cds-archive"
+
+LAUNCHER = "launcher"
+ITSELF = "the launcher itself"
 
 
 def run(*command, **options):
+    """What a command prints; ends the benchmarks if it fails."""
     done = subprocess.run(
         [*map(str, command)],
         text=True,
@@ -49,240 +61,355 @@ def run(*command, **options):
     return done.stdout
 
 
-def measure(cwd, command, until):
-    """Wall time to the line UNTIL or else to the end, CPU time and peak memory of one run."""
-    start = time.perf_counter()
-    process = subprocess.Popen(
-        command,
-        cwd=cwd,
-        env=ENV,
-        stdin=subprocess.DEVNULL,
-        stdout=subprocess.PIPE,
-        stderr=subprocess.DEVNULL,
-    )
-    found = [time.perf_counter() for line in process.stdout if line == until]
-    _, process.returncode, used = os.wait4(process.pid, 0)
-    if process.returncode or until and not found:
-        sys.exit(f"bench: {command[0]} in {cwd}: status {process.returncode}, or no line {until}")
-    return [*found, time.perf_counter()][0] - start, used.ru_utime + used.ru_stime, used.ru_maxrss
+def table(head, rows):
+    lines = [head, ["---"] * len(head), *rows]
+    return "".join("| " + " | ".join(map(str, line)) + " |\n" for line in lines)
+
+
+# Measuring programs that start the same service.
+
+
+class Sample:
+    """One run: wall time to the line UNTIL, or else to the end; CPU time and peak memory of it all."""
+
+    def __init__(self, cwd, command, until):
+        start = time.perf_counter()
+        process = subprocess.Popen(
+            command,
+            cwd=cwd,
+            env=ENVIRONMENT,
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.DEVNULL,
+        )
+        reached = None
+        for line in process.stdout:
+            if line == until:
+                reached = time.perf_counter()
+        _, status, used = os.wait4(process.pid, 0)
+        process.returncode = status
+        if status != 0:
+            sys.exit(f"bench: {command[0]} in {cwd}: status {status}")
+        if until and reached is None:
+            sys.exit(f"bench: {command[0]} in {cwd}: no line {until}")
+        self.wall = (reached or time.perf_counter()) - start
+        self.cpu = used.ru_utime + used.ru_stime
+        self.memory = used.ru_maxrss
+
+
+def archived_classes(cwd, command):
+    """The share of the classes of a run that come from a CDS archive."""
+    log = WORK / "classes.log"
+    log.unlink(missing_ok=True)
+    options = f"-Xlog:class+load:file={log}"
+    run(*command, cwd=cwd, env={**ENVIRONMENT, "JAVA_TOOL_OPTIONS": options})
+    sources = re.findall(r" source: (.*)", log.read_text())
+    archived = [source for source in sources if source.startswith("shared objects file")]
+    return f"{100 * len(archived) / len(sources):.0f} %"
 
 
 def race(cwd, commands, until=None):
     """Runs all commands once per round, in random order; a table of the ratios within a round."""
-    commands["itself"] = commands["launcher"]
-    runs = {name: [] for name in commands}
-    deadline = time.monotonic() + SECONDS
-    while len(runs["itself"]) < WARM_UP + (MOST if time.monotonic() < deadline else FEWEST):
-        for name in random.sample(list(commands), len(commands)):
-            runs[name].append(measure(cwd, commands[name], until))
-    ours = runs.pop("launcher")[WARM_UP:]
-    wall, cpu, memory = (statistics.median(figures) for figures in zip(*ours))
+    programs = {**commands, ITSELF: commands[LAUNCHER]}
+    samples = {name: [] for name in programs}
+    deadline = time.monotonic() + SECONDS_PER_RACE
+    rounds = 0
+    while rounds < WARM_UP_ROUNDS + FEWEST_ROUNDS or (
+        rounds < WARM_UP_ROUNDS + MOST_ROUNDS and time.monotonic() < deadline
+    ):
+        for name in random.sample(list(programs), len(programs)):
+            samples[name].append(Sample(cwd, programs[name], until))
+        rounds += 1
+    measured = {name: runs[WARM_UP_ROUNDS:] for name, runs in samples.items()}
+    ours = measured.pop(LAUNCHER)
+    rows = [
+        [
+            name,
+            f"{1000 * statistics.median(run.wall for run in theirs):.0f}",
+            ratio(a.wall / b.wall for a, b in zip(ours, theirs)),
+            ratio(a.cpu / b.cpu for a, b in zip(ours, theirs)),
+            ratio(a.memory / b.memory for a, b in zip(ours, theirs)),
+            archived_classes(cwd, programs[name]),
+        ]
+        for name, theirs in measured.items()
+    ]
     return (
-        f"{len(ours)} rounds; the launcher took {wall * 1000:.0f} ms, {cpu * 1000:.0f} ms of CPU time, "
-        f"{memory / 1024:.0f} MiB.\n\n"
+        f"{len(ours)} rounds. The medians of the launcher are "
+        f"{1000 * statistics.median(run.wall for run in ours):.0f} ms of wall time, "
+        f"{1000 * statistics.median(run.cpu for run in ours):.0f} ms of CPU time "
+        f"and {statistics.median(run.memory for run in ours) / 1024:.0f} MiB.\n\n"
         + table(
-            ["launcher /", "wall time", "CPU time", "peak memory"],
             [
-                [
-                    name,
-                    *(
-                        interval([a[i] / b[i] for a, b in zip(ours, others[WARM_UP:])])
-                        for i in range(3)
-                    ),
-                ]
-                for name, others in runs.items()
+                "compared with",
+                "its wall time, ms",
+                "launcher / it: wall time",
+                "CPU time",
+                "peak memory",
+                "its archived classes",
             ],
+            rows,
         )
     )
 
 
-def interval(ratios):
+def ratio(ratios):
     """The median, and its 95 % bootstrap interval."""
-    draws = sorted(statistics.median(random.choices(ratios, k=len(ratios))) for _ in range(1000))
-    return f"{statistics.median(ratios):.3f} ({draws[25]:.3f} to {draws[974]:.3f})"
+    ratios = list(ratios)
+    medians = sorted(statistics.median(random.choices(ratios, k=len(ratios))) for _ in range(1000))
+    return f"{statistics.median(ratios):.3f} ({medians[25]:.3f} to {medians[974]:.3f})"
 
 
-def table(head, rows):
-    return "".join(
-        "| " + " | ".join(map(str, row)) + " |\n" for row in [head, ["---"] * len(head), *rows]
-    )
+# Making the programs.
 
 
-def hosts(jdk, bundle, jars):
-    """The directory to start in, and what can host a bundle's service: its launcher and others."""
-    peer, java = bundle / "peer", bundle / CONTENTS / "Resources/jre/bin/java"
-    words = *OPTIONS, "-cp", CLASS_PATH, SERVICE
+def make_bundle(jdk, dest, *options):
+    run(SOURCE / "script/bundle", "--jdk", jdk, "--dest", dest, *options)
+    return dest / CONTENTS
+
+
+def make_jpackage_application(jdk, name, dest, jars, *options):
+    java_options = [word for option in OPTIONS for word in ("--java-options", f'"{option}"')]
     run(
         jdk / "bin/jpackage",
-        "--type",
-        "app-image",
-        "--name",
-        "peer",
-        "--dest",
-        bundle,
-        "--input",
-        jars,
-        "--main-jar",
-        "service.jar",
-        "--main-class",
-        SERVICE,
-        *(word for option in OPTIONS for word in ("--java-options", f'"{option}"')),
+        *("--type", "app-image", "--name", name, "--dest", dest),
+        *("--input", jars, "--main-jar", "service.jar", "--main-class", SERVICE),
+        *java_options,
+        *options,
     )
-    return bundle / CONTENTS / "MacOS", {
-        "launcher": ["./OrvaneService"],
-        "`java` of the bundle's runtime": [java, *words],
+    return dest / name
+
+
+def add_archive(application, cwd):
+    """Adds what jpackage leaves to its user: an archive of the classes that the service loads."""
+    program = application / "bin" / application.name
+    configuration = application / f"lib/app/{application.name}.cfg"
+    archive = application / "lib/app/service.jsa"
+    options = f"-XX:ArchiveClassesAtExit={archive}"
+    run(program, cwd=cwd, env={**ENVIRONMENT, "JAVA_TOOL_OPTIONS": options})
+    text = configuration.read_text()
+    head = "[JavaOptions]\n"
+    option = "java-options=-XX:SharedArchiveFile=$APPDIR/service.jsa\n"
+    assert text.count(head) == 1, text
+    configuration.write_text(text.replace(head, head + option))
+
+
+def java_commands(jdk, contents):
+    words = [*OPTIONS, "-cp", CLASS_PATH, SERVICE]
+    return {
+        LAUNCHER: ["./OrvaneService"],
+        "`java` of the bundle's runtime": [contents / "Resources/jre/bin/java", *words],
         "`java` of the JDK": [jdk / "bin/java", *words],
-        "jpackage's application": [peer / "bin/peer"],
     }
 
 
-def compare_sample(jdk):
-    bundle, jars = WORK / "sample", WORK / "jars"
-    run(SOURCE / "script/bundle", "--dest", bundle, "--jdk", jdk)
-    jars.mkdir()
-    jar = shutil.copy(
-        bundle / CONTENTS / "Resources/lib/com.vaultory.desktop.jar", jars / "service.jar"
-    )
+def compile_c(jdk, output, *arguments):
+    includes = [f"-I{jdk}/include", f"-I{jdk}/include/linux", f"-I{WORK}"]
+    run("cc", "-O2", *includes, *arguments, "-o", output)
+
+
+def compile_bare_host(jdk):
     (WORK / "options.h").write_text("".join(f'{{"{option}", NULL}},\n' for option in OPTIONS))
-    run(
-        "cc",
-        "-O2",
-        f"-I{jdk}/include",
-        f"-I{jdk}/include/linux",
-        f"-I{WORK}",
+    compile_c(
+        jdk,
+        WORK / "bare_host",
         BENCH / "native/floor.c",
         jdk / "lib/server/libjvm.so",
-        "-o",
-        WORK / "floor",
         "-Wl,-rpath,../Resources/jre/lib/server",
     )
-    run(
-        jdk / "bin/javac",
-        "-d",
-        WORK / "jsvc",
-        "-cp",
-        f"{jar}:{DAEMON}",
-        BENCH / "java/JsvcService.java",
-    )
-    cwd, commands = hosts(jdk, bundle, jars)
+    return [WORK / "bare_host"]
+
+
+def compile_jsvc_service(jdk, jar):
+    classes = WORK / "jsvc"
+    class_path = f"{jar}:{COMMONS_DAEMON}"
+    run(jdk / "bin/javac", "-d", classes, "-cp", class_path, BENCH / "java/JsvcService.java")
+    return [
+        "/usr/bin/jsvc",
+        *("-home", "../Resources/jre", "-nodetach", "-pidfile", WORK / "pid", "-cwd", "."),
+        *("-outfile", "&1", "-errfile", "&2"),
+        *OPTIONS,
+        *("-cp", f"{COMMONS_DAEMON}:{CLASS_PATH}:{classes}"),
+        "JsvcService",
+    ]
+
+
+# The sections of the report.
+
+
+def compare_sample(jdk):
+    """The whole run of the sample, which has few classes: what the programs themselves cost."""
+    contents = make_bundle(jdk, WORK / "sample")
+    jars = WORK / "sample/jars"
+    jars.mkdir()
+    jar = jars / "service.jar"
+    shutil.copy(contents / "Resources/lib/com.vaultory.desktop.jar", jar)
+    peer = make_jpackage_application(jdk, "peer", WORK / "sample", jars)
     return race(
-        cwd,
+        contents / "MacOS",
         {
-            **commands,
-            "a bare C host": [WORK / "floor"],
-            "jsvc": [
-                "/usr/bin/jsvc",
-                "-home",
-                "../Resources/jre",
-                "-nodetach",
-                "-pidfile",
-                WORK / "pid",
-                "-cwd",
-                ".",
-                "-outfile",
-                "&1",
-                "-errfile",
-                "&2",
-                *OPTIONS,
-                "-cp",
-                f"{DAEMON}:{CLASS_PATH}:{WORK}/jsvc",
-                "JsvcService",
-            ],
+            **java_commands(jdk, contents),
+            "jpackage's application": [peer / "bin/peer"],
+            "a bare C host": compile_bare_host(jdk),
+            "jsvc": compile_jsvc_service(jdk, jar),
         },
     )
 
 
-def compare_ready(jdk, work):
+def compare_ready(jdk):
+    """The time until a service with a database is ready; what was made for it, and how long it took."""
+    work = WORK / jdk.name
     for name in "jars", "lib":
         (work / name).mkdir(parents=True)
-        shutil.copy("/usr/share/java/hsqldb.jar", work / name)
+        shutil.copy(HSQLDB, work / name)
+    service = work / "jars/service.jar"
     run(jdk / "bin/javac", "-d", work / "classes", BENCH / "java/QRService.java")
-    run(jdk / "bin/jar", "cf", work / "jars/service.jar", "-C", work / "classes", ".")
-    run(
-        SOURCE / "script/bundle",
-        "--main-jar",
-        work / "jars/service.jar",
-        "--input",
-        work / "lib",
-        "--dest",
-        work / "bundle",
-        "--jdk",
-        jdk,
+    run(jdk / "bin/jar", "cf", service, "-C", work / "classes", ".")
+
+    rows = [
+        made_by(
+            "`script/bundle`",
+            work / "Orvane.app",
+            lambda: make_bundle(jdk, work, "--main-jar", service, "--input", work / "lib"),
+        ),
+        made_by(
+            "`jpackage`",
+            work / "peer",
+            lambda: make_jpackage_application(jdk, "peer", work, work / "jars"),
+        ),
+    ]
+    contents = work / CONTENTS
+    archived = make_jpackage_application(
+        jdk, "archived", work, work / "jars", "--jlink-options", JLINK_OPTIONS
     )
-    return race(*hosts(jdk, work / "bundle", work / "jars"), until=b"ready\n")
+    add_archive(archived, contents / "MacOS")
+    return (
+        f"### {jdk_name(jdk)}\n\n"
+        + race(
+            contents / "MacOS",
+            {
+                **java_commands(jdk, contents),
+                "jpackage's application": [work / "peer/bin/peer"],
+                "the same with an archive made by hand": [archived / "bin/archived"],
+            },
+            until=b"ready\n",
+        )
+        + "\n"
+        + table(["made by", "seconds", "MiB"], rows)
+    )
 
 
-def count(jdk):
+def made_by(name, root, make):
+    start = time.monotonic()
+    make()
+    seconds = time.monotonic() - start
+    size = sum(path.lstat().st_size for path in root.rglob("*"))
+    return [name, f"{seconds:.0f}", f"{size / 2**20:.0f}"]
+
+
+def count_growth(jdk):
     """Instructions over a runtime library that does nothing, and what a line or an argument adds."""
-    cwd, library = WORK / "idle/MacOS", WORK / "idle/Resources/jre/lib/server/libjvm.so"
-    for directory in library, OVERRIDE_FILE:
-        directory.parent.mkdir(parents=True)
+    cwd = WORK / "idle/MacOS"
+    library = WORK / "idle/Resources/jre/lib/server/libjvm.so"
+    library.parent.mkdir(parents=True)
+    OVERRIDE_FILE.parent.mkdir(parents=True)
     shutil.copytree(WORK / "sample" / CONTENTS / "MacOS", cwd)
-    run(
-        "cc",
-        "-O2",
-        f"-I{jdk}/include",
-        f"-I{jdk}/include/linux",
-        "-shared",
-        "-fPIC",
-        "-o",
+    compile_c(
+        jdk,
         library,
-        BENCH / "native/idle_runtime.c",
+        *("-shared", "-fPIC", BENCH / "native/idle_runtime.c"),
         f"-Wl,--version-script={SOURCE}/test/runtime/libjvm.map",
     )
 
-    def instructions(*arguments, lines=0, program="./OrvaneService"):
+    def instructions(program, *arguments, lines=0):
         OVERRIDE_FILE.write_bytes(b"-Xmx512m\n" * lines)
-        output = run(
-            "/usr/bin/valgrind",
-            "--tool=callgrind",
-            "--callgrind-out-file=/dev/null",
-            program,
-            *arguments,
-            cwd=cwd,
-            env={},
-        )
+        valgrind = ["/usr/bin/valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null"]
+        output = run(*valgrind, program, *arguments, cwd=cwd, env={})
         return int(re.search(r"Collected : (\d+)", output)[1])
 
-    rows, alone, host = [], instructions(), instructions(program=WORK / "floor")
+    launcher = "./OrvaneService"
+    alone = instructions(launcher)
+    rows = []
     for number in 1000, 10_000, 100_000:
-        lines, arguments = instructions(lines=number), instructions(*["argument"] * number)
-        rows.append([f"{number:,}", (lines - alone) // number, (arguments - alone) // number])
-    return f"the launcher {alone:,}, the bare C host {host:,}. Each one adds:\n\n" + table(
-        ["of", "a line of 8 bytes", "an argument of 8 bytes"], rows
+        with_lines = instructions(launcher, lines=number)
+        with_arguments = instructions(launcher, *["argument"] * number)
+        rows.append(
+            [f"{number:,}", (with_lines - alone) // number, (with_arguments - alone) // number]
+        )
+    OVERRIDE_FILE.unlink()
+    return (
+        f"The launcher {alone:,}, the bare C host {instructions(WORK / 'bare_host'):,}. "
+        "Each one adds:\n\n" + table(["of", "a line of 8 bytes", "an argument of 8 bytes"], rows)
     )
 
 
-def main():
-    jdks, began = [pathlib.Path(jdk) for jdk in sys.argv[1:]], time.monotonic()
+# What the figures are of.
+
+
+def jdk_name(jdk):
+    release = dict(re.findall(r'^(\w+)="(.*)"$', (jdk / "release").read_text(), re.MULTILINE))
+    return f"JDK {release['JAVA_RUNTIME_VERSION']} ({release['IMPLEMENTOR']})"
+
+
+def machine():
+    model = re.search(r"model name\s*: (.*)|$", pathlib.Path("/proc/cpuinfo").read_text())[1]
+    gibibytes = os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES") / 2**30
+    system = platform.freedesktop_os_release() if sys.version_info >= (3, 10) else {}
+    return (
+        f"{model or platform.machine()}, {os.cpu_count()} cores, {gibibytes:.0f} GiB, "
+        f"{system.get('PRETTY_NAME', 'Linux')}, Linux {platform.release()}"
+    )
+
+
+def load():
+    return f"{os.getloadavg()[0]:.1f}"
+
+
+def commit():
+    return run("git", "-C", SOURCE, "describe", "--always", "--dirty").strip()
+
+
+def main(jdks):
+    began, load_before = time.monotonic(), load()
     WORK.mkdir()
-    sample, counted = compare_sample(jdks[0]), count(jdks[0])
-    ready = "\n".join(f"{jdk.name}: {compare_ready(jdk, WORK / jdk.name)}" for jdk in jdks)
-    cpu = re.search(r"model name\s*: (.*)|$", pathlib.Path("/proc/cpuinfo").read_text())[1]
+    sample = compare_sample(jdks[0])
+    growth = count_growth(jdks[0])
+    ready = "\n".join(compare_ready(jdk) for jdk in jdks)
+    minutes = (time.monotonic() - began) / 60
     (BENCH / "REPORT.md").write_text(
         f"""# Benchmarks
 
-`script/bench` wrote this in {(time.monotonic() - began) / 60:.0f} minutes.
-Machine: {cpu or os.uname().machine}, {os.cpu_count()} cores.
+`script/bench` wrote this page on {datetime.date.today()} in {minutes:.0f} minutes, from commit {commit()}.
+
+- Machine: {machine()}.
+- Load average of the last minute: {load_before} at the start, {load()} at the end. The benchmarks run one
+  program at a time; more load than that is of something else.
+- Compiler: {run("c++", "--version").splitlines()[0]}.
+- JDKs: {", ".join(map(jdk_name, jdks))}.
 
 Each round runs every program once, in random order. A ratio is the launcher's figure divided by the other
 program's of the same round: the median over the rounds with its 95 % bootstrap interval; lower is better.
-The row "itself" compares the launcher with itself: a difference as small as that means nothing.
+The launcher is also compared with itself: a difference as small as that one means nothing.
 
 ## Whole run of the sample service
 
-{jdks[0].name}: {sample}
-All have the launcher's options and working directory. The bare C host is `bench/native/floor.c`.
+{jdk_name(jdks[0])}, {sample}
+All have the launcher's options and working directory. The bare C host is `bench/native/floor.c`: nothing
+that hosts a VM in its own process can do less. jsvc runs `bench/java/JsvcService.java`; its own jar comes
+first on the class path, as is usual, so the VM rejects the bundle's archive.
 
-## Time until a service with some 2,000 classes is ready
+## Time until a service with a database is ready
 
-`bench/java/QRService.java`, from the start to its line `ready`; CPU time and memory are of the whole run.
+`bench/java/QRService.java` loads some 2,000 classes, many of them HSQLDB's. Wall time is from the start to
+its line `ready`; CPU time and memory are of the whole run. jpackage's application is what `jpackage` makes
+without further options; the one with an archive is made with `--jlink-options` for an archive of the JDK's
+classes, and `-XX:ArchiveClassesAtExit` for one of the service's.
 
 {ready}
 ## Growth
 
-Instructions of a whole run over a runtime library that does nothing: {counted}"""
+Instructions of a whole run over a runtime library that does nothing, as callgrind counts them. {growth}"""
     )
 
 
-main()
+if __name__ == "__main__":
+    main([pathlib.Path(jdk) for jdk in sys.argv[1:]])
