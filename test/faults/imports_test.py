@@ -1,4 +1,4 @@
-"""What the object files of the launcher and of the operators' tool import. The tests of system calls do not see the environment."""
+"""What the object files of the two programs import. Tests of system calls do not see the environment."""
 
 import subprocess
 
