@@ -8,10 +8,15 @@ import subprocess
 import pytest
 from support import BUILD_DIR, LINUX, impossible
 
-TOOL = BUILD_DIR / "src/operator-tool"
+TOOL = "/tmp/orvane/operator-tool"  # where other users can execute it
 USER = pwd.getpwnam("nobody")  # any ordinary account
 ANOTHER = pwd.getpwnam("daemon")
 SHOW = ["sh", "-c", 'id -ru; id -u; id -rg; id -g; id -G; echo "$HOME"; pwd']
+
+
+@pytest.fixture(autouse=True)
+def tool(root):
+    root.put(TOOL, BUILD_DIR / "src/operator-tool")
 
 
 def as_user(*arguments, before=None, prefix=()):
