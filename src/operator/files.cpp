@@ -26,13 +26,14 @@ int openRegular(const std::string& path, int flags, mode_t mode, struct stat& fo
     if (file < 0 && errno == ELOOP) {
         throw Failure(FAILED, path + ": a symbolic link");
     }
-    if (file < 0) {
+    const bool isDirectory = file < 0 && errno == EISDIR;  // Linux does not open it for O_CREAT
+    if (file < 0 && !isDirectory) {
         throw systemFailure(path);
     }
-    if (fstat(file, &found) != 0) {
+    if (!isDirectory && fstat(file, &found) != 0) {
         throw systemFailure(path);
     }
-    if (!S_ISREG(found.st_mode)) {
+    if (isDirectory || !S_ISREG(found.st_mode)) {
         throw Failure(FAILED, path + ": not a regular file");
     }
     return file;

@@ -1,4 +1,4 @@
-"""The macOS executable that script/cross-macos makes, each slice: what LLVM's tools print of it."""
+"""The macOS executables that script/cross-macos makes, each slice: what LLVM's tools print of it."""
 
 import filecmp
 import os
@@ -9,7 +9,7 @@ import subprocess
 import pytest
 from support import ROOT
 
-EXECUTABLE = ROOT / "build/macos-universal/src/OrvaneService"
+LAUNCHER, TOOL = "OrvaneService", "operator-tool"
 PROCESSORS = {0x01000007: "x86_64", 0x0100000C: "arm64"}
 
 
@@ -28,8 +28,8 @@ class Slice:
         return re.findall(pattern, text, re.MULTILINE)
 
 
-def slices():
-    data = EXECUTABLE.read_bytes()
+def slices(program):
+    data = (ROOT / "build/macos-universal/src" / program).read_bytes()
     magic, count = struct.unpack_from(">II", data)
     assert magic == 0xCAFEBABE
     headers = [struct.unpack_from(">5I", data, 8 + 20 * index) for index in range(count)]
@@ -39,10 +39,27 @@ def slices():
     ]
 
 
+def one_slice(program, processor, directory):
+    found = slices(program)
+    assert [each for each, _ in found] == ["x86_64", "arm64"]
+    return Slice(dict(found)[processor], directory / processor)
+
+
 @pytest.fixture(params=["x86_64", "arm64"])
+def launcher(request, tmp_path):
+    return one_slice(LAUNCHER, request.param, tmp_path)
+
+
+@pytest.fixture(params=["x86_64", "arm64"])
+def tool(request, tmp_path):
+    return one_slice(TOOL, request.param, tmp_path)
+
+
+@pytest.fixture(
+    params=[(LAUNCHER, "x86_64"), (LAUNCHER, "arm64"), (TOOL, "x86_64"), (TOOL, "arm64")]
+)
 def macho(request, tmp_path):
-    assert [processor for processor, _ in slices()] == ["x86_64", "arm64"]
-    return Slice(dict(slices())[request.param], tmp_path / request.param)
+    return one_slice(*request.param, tmp_path)
 
 
 def test_it_is_a_position_independent_program_for_its_processor(macho):
@@ -59,26 +76,26 @@ def test_it_runs_from_macOS_11_on(macho):
     ) == [("LC_BUILD_VERSION", "macos", "11.0")]
 
 
-def test_its_run_paths_are_those_of_the_runtime_in_the_bundle(macho):
-    assert macho.printed(r"cmd LC_RPATH\n.*\n +path (.*) \(offset", "otool", "-l") == [
+def test_its_run_paths_are_those_of_the_runtime_in_the_bundle(launcher):
+    assert launcher.printed(r"cmd LC_RPATH\n.*\n +path (.*) \(offset", "otool", "-l") == [
         "../Resources/jre/lib/server",
         "../Resources/jre/lib/jli",
     ]
 
 
-def test_it_needs_the_runtime_library_and_the_system_only(macho):
+def test_it_needs_the_runtime_library_and_the_system_only(launcher):
     # Weak, re-exported, lazy and upward ones would be listed too.
-    assert macho.printed(r"cmd (LC_\w+_DYLIB)\n.*\n +name (.*) \(offset", "otool", "-l") == [
+    assert launcher.printed(r"cmd (LC_\w+_DYLIB)\n.*\n +name (.*) \(offset", "otool", "-l") == [
         ("LC_LOAD_DYLIB", "@rpath/libjvm.dylib"),
         ("LC_LOAD_DYLIB", "/usr/lib/libSystem.B.dylib"),
     ]
 
 
-def test_the_loader_binds_one_symbol_of_the_runtime_and_no_more_than_is_asked_for(macho):
-    asked = macho.printed(
+def test_the_loader_binds_one_symbol_of_the_runtime_and_no_more_than_is_asked_for(launcher):
+    asked = launcher.printed(
         r"\(undefined\) (?:weak )?external (\w+) \(from (\w+)\)", "nm", "-u", "-m"
     )
-    bound = macho.printed(
+    bound = launcher.printed(
         r"^__DATA.* (?=lib)(\w+) +(\w+)$",
         "objdump",
         "--macho",
@@ -94,24 +111,39 @@ def test_the_loader_binds_one_symbol_of_the_runtime_and_no_more_than_is_asked_fo
     assert {(symbol, library) for library, symbol in bound} <= set(asked)
 
 
-def test_it_is_signed_with_the_entitlements_of_a_release(macho):
-    assert len(macho.printed("cmd LC_CODE_SIGNATURE$", "otool", "-l")) == 1
-    assert (ROOT / "bundle/OrvaneService.entitlements").read_bytes() in macho.data
+def test_it_is_signed_with_the_entitlements_of_a_release(launcher):
+    assert len(launcher.printed("cmd LC_CODE_SIGNATURE$", "otool", "-l")) == 1
+    assert (ROOT / "bundle/OrvaneService.entitlements").read_bytes() in launcher.data
+
+
+def test_the_operators_tool_needs_the_system_only_and_has_no_entitlement(tool):
+    assert tool.printed(r"cmd (LC_\w+_DYLIB)\n.*\n +name (.*) \(offset", "otool", "-l") == [
+        ("LC_LOAD_DYLIB", "/usr/lib/libSystem.B.dylib")
+    ]
+    assert tool.printed("cmd LC_RPATH$", "otool", "-l") == []
+    if tool.file.name == "arm64":  # Apple silicon executes nothing that is not signed
+        assert len(tool.printed("cmd LC_CODE_SIGNATURE$", "otool", "-l")) == 1
+    assert b"com.apple.security" not in tool.data
+
+
+def test_the_operators_tool_asks_for_the_calls_of_a_mac(tool):
+    asked = tool.printed(r"\(undefined\) external _(\w+) \(from libSystem\)", "nm", "-u", "-m")
+    assert {"renamex_np", "flock", "getgrouplist", "initgroups"} <= set(asked)
+    assert "getenv" not in asked
 
 
 def test_another_build_directory_gives_the_same_bytes(tmp_path):
     cache = str(ROOT / "build/zig/cache")
     environment = {**os.environ, "ZIG_GLOBAL_CACHE_DIR": cache, "ZIG_LOCAL_CACHE_DIR": cache}
     other = tmp_path / "another one"
-    for options in ["--preset", "macos-x86_64", "-B", other], [
-        "--build",
-        other,
-        "--target",
-        "OrvaneService",
+    for options in [
+        ["--preset", "macos-x86_64", "-B", other],
+        ["--build", other, "--target", LAUNCHER, TOOL],
     ]:
         subprocess.run(
             ["cmake", *options], cwd=ROOT, stdout=subprocess.PIPE, check=True, env=environment
         )
-    assert filecmp.cmp(
-        ROOT / "build/macos-x86_64/src/OrvaneService", other / "src/OrvaneService", shallow=False
-    )
+    for program in LAUNCHER, TOOL:
+        assert filecmp.cmp(
+            ROOT / "build/macos-x86_64/src" / program, other / "src" / program, shallow=False
+        )

@@ -146,7 +146,7 @@ TEST_F(Files, Only_a_regular_file_of_the_caller_is_locked) {
     EXPECT_EQ(lock("link"), "125: link: a symbolic link");
     EXPECT_EQ(lock("broken"), "125: broken: a symbolic link");
     EXPECT_EQ(lock("fifo"), "125: fifo: not a regular file");
-    EXPECT_EQ(lock("d"), "125: d: Is a directory");
+    EXPECT_EQ(lock("d"), "125: d: not a regular file");
     EXPECT_EQ(lock("/dev/null"), "125: /dev/null: not a regular file");
     EXPECT_EQ(lock("missing/file"), "125: missing/file: No such file or directory");
     EXPECT_EQ(lock(another), "125: " + another + ": belongs to another user");
