@@ -130,8 +130,11 @@ def test_only_a_leading_dot_slash_is_taken_off_a_relative_start(system_wide):
         system_wide.put_runtime(cwd.rpartition("/")[0])
     assert_home(system_wide, "./" + name, b"/Users/alice", directory)
     assert_home(system_wide, f"./{last}/{name}", b"/Users/alice", parent)
-    for program in "././" + name, ".//" + name, f"../{last}/{name}":
-        assert_out_of_range(system_wide, program, 0, directory)
+    for program in "././" + name, ".//" + name, f"../{last}/{name}":  # longer than 1,023 bytes
+        if platform.LONG_PATH_IS_CUT:
+            assert_home(system_wide, program, b"/Users/alice", directory)
+        else:
+            assert_out_of_range(system_wide, program, 0, directory)
 
 
 def test_links_and_dots_in_the_programs_path_are_not_resolved(system_wide):

@@ -1,5 +1,7 @@
 """What a test sees differently by system and by C++ library: libc++, a Mac's, or libstdc++."""
 
+import os
+
 from . import LINUX
 from .launcher import ABORTED, EMULATOR, PROGRAM, SLICE
 
@@ -12,6 +14,10 @@ SPARE_ALLOCATIONS = 10 if LIBCXX else 1
 # The stand-in's errors come from the libstdc++ of Linux. The libc++ linked into a slice does not know
 # their types: main catches none of them.
 FOREIGN_ERRORS = bool(SLICE)
+
+# What becomes of the path of a relative start if it is longer than 1,023 bytes: the dyld of macOS 12, whose
+# kernel is 21, and later cuts it there; that of macOS 11 reports it as too long, and so it is on Linux.
+LONG_PATH_IS_CUT = not LINUX and int(os.uname().release.partition(".")[0]) >= 21
 
 # The status of a run that finds no libjvm.
 NO_RUNTIME = 127 if LINUX and not SLICE else ABORTED
