@@ -264,22 +264,24 @@ rm -rf NAME.partial
 """
 
 
+ANSWER = '{"id": "12-ab", "status": "Accepted"}\n'
+RELEASED = "".join(
+    [
+        *(COPIED, SIGNED, VERIFIED, IMAGE_MADE, IMAGE_SIGNED, COMPONENT_MADE, PACKAGE_MADE),
+        *(NOTARIZED, MOVED),
+    ]
+)
+
+
 def calls_in(printed):
     """The commands of a transcript that stand-ins record, in the form of their records."""
     return "".join(line for line in printed.splitlines(True) if line.split()[0] in TOOLS)
 
 
 def test_a_release_prints_and_executes_its_commands(release):
-    commands = "".join(
-        [
-            *(COPIED, SIGNED, VERIFIED, IMAGE_MADE, IMAGE_SIGNED, COMPONENT_MADE, PACKAGE_MADE),
-            *(NOTARIZED, MOVED),
-        ]
-    )
-    answer = '{"id": "12-ab", "status": "Accepted"}\n'
     made = "Made NAME.dmg and NAME.pkg in DIST\n"
-    assert release.run(*DEVELOPER) == (0, commands, answer + answer + made)
-    assert release.called() == calls_in(commands)
+    assert release.run(*DEVELOPER) == (0, RELEASED, ANSWER + ANSWER + made)
+    assert release.called() == calls_in(RELEASED)
     assert release.made() == [NAME + ".dmg", NAME + ".pkg", "Orvane.app"]
 
 
@@ -382,7 +384,6 @@ def test_modes_are_right_whatever_the_umask_and_the_bundle_s_modes(release):
 # ----------------------------------------------------------------------------- what goes wrong
 
 AGAIN = "    status 7; again in 20 s\n"
-ANSWER = '{"id": "12-ab", "status": "Accepted"}\n'
 
 
 @pytest.mark.parametrize(
@@ -396,10 +397,9 @@ ANSWER = '{"id": "12-ab", "status": "Accepted"}\n'
     ],
 )
 def test_what_can_fail_for_a_moment_is_tried_again(release, command):
-    assert release.run(*DEVELOPER)[0] == 0
-    calls = release.called().splitlines()
     status, _, errors = release.run(*DEVELOPER, FAIL=command, FAIL_TIMES="2")
     assert (status, errors.count(AGAIN)) == (0, 2)
+    calls = calls_in(RELEASED).splitlines()
     command = abbreviated(command, release.dist)
     first = next(number for number, line in enumerate(calls) if line.startswith(command))
     attempts = [calls[first], "sleep 20"] * 2

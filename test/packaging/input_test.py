@@ -1,0 +1,197 @@
+"""Wrong input is one line that names the option and what to do, before anything is written."""
+
+import re
+import subprocess
+import zipfile
+
+import pytest
+from bundling import (
+    ARM64,
+    EXECUTABLE,
+    JDK,
+    LISTING_JAR,
+    MAIN,
+    X86_64,
+    bundle,
+    mach_o,
+    script,
+    this_platform,
+    write_jar,
+)
+from support import LINUX, ROOT, impossible
+
+
+@pytest.fixture(scope="session")
+def wrong(tmp_path_factory, classes):
+    """A directory of what a caller can give by mistake:
+
+    file                        no directory, jar or executable
+    app/Orvane.app              is a file
+    empty directory/
+    links/out                   leads out of its directory
+    jmods/java.base.jmod        is for macOS on Intel
+    apple-silicon, universal    executables for macOS, without operator-tool beside them
+    service.jar, a service.jar  have the service's class
+    other.jar, again/OTHER.jar  do not, and are the same on macOS
+    com.vaultory.desktop.jar    has the name of the jar that lists the others
+    """
+    directory = tmp_path_factory.mktemp("wrong")
+    for name in "app", "empty directory", "links", "jmods":
+        (directory / name).mkdir()
+    for name in "file", "app/Orvane.app":
+        (directory / name).write_bytes(b"neither")
+    (directory / "links/out").symlink_to("../file")
+    with zipfile.ZipFile(directory / "jmods/java.base.jmod", "w") as jmod:
+        jmod.writestr("lib/server/libjvm.dylib", mach_o(X86_64))
+    (directory / "apple-silicon").write_bytes(mach_o(ARM64))
+    (directory / "universal").write_bytes(mach_o(X86_64, ARM64))
+    for name in "service.jar", "a service.jar":
+        write_jar(directory / name, {MAIN: classes[MAIN]})
+    for name in "other.jar", "again/OTHER.jar", LISTING_JAR:
+        write_jar(directory / name, {})
+    return directory
+
+
+SERVICE = ["--main-jar", "service.jar"]
+NO_PLATFORM = "is not for macOS or Linux on amd64 or aarch64; name one that is"
+
+
+@pytest.mark.parametrize(
+    "arguments, line",
+    [
+        (["--jar", "x"], "--jar: no such option; --help lists all"),
+        (["--main"], "--main: no such option; --help lists all"),
+        (["--main-jar"], "--main-jar: give a value"),
+        (["--force=1"], "--force: takes no value"),
+        (["--lang", "file"], "--lang: 'file' is not a directory; name one"),
+        (
+            ["--conf", "empty directory"],
+            "--conf: 'empty directory' has no service.log.xml; add it, or name another directory",
+        ),
+        (
+            ["--bin", "links"],
+            "--bin: 'links/out' is a link to '../file', outside; replace it with a copy",
+        ),
+        (
+            ["--main-jar", "file"],
+            "--main-jar: 'file' is not a jar that can be read; name jars, or directories of them",
+        ),
+        (
+            ["--main-jar", "other.jar"],
+            "--main-jar: 'other.jar' has no com.vaultory.service.QRService, which the launcher "
+            "calls; name the jar with it",
+        ),
+        (
+            ["--main-jar", "a service.jar"],
+            "--main-jar: the VM archives no class of 'a service.jar'; rename it in ASCII without "
+            "spaces, or add --no-archive",
+        ),
+        (["--input", "other.jar"], "--input: the sample needs none; give --main-jar as well"),
+        (
+            [*SERVICE, "--input", "/none"],
+            "--input: '/none' does not exist; name jars, or directories of them",
+        ),
+        (
+            [*SERVICE, "--input", "empty directory"],
+            "--input: 'empty directory' has no jar in it; name jars, or directories of them",
+        ),
+        (
+            [*SERVICE, "--input", "again/OTHER.jar", "--input", "other.jar"],
+            "--input: 'again/OTHER.jar' and 'other.jar' would both be installed as other.jar; "
+            "leave out one",
+        ),
+        (
+            [*SERVICE, "--input", LISTING_JAR],
+            f"--input: '{LISTING_JAR}' has the name of the jar that lists the others; rename it",
+        ),
+        (
+            ["--app-version", "1.0-beta"],
+            "--app-version: '1.0-beta' is not a version; give one such as 2.1.0",
+        ),
+        (
+            ["--mac-package-identifier", "orvane"],
+            "--mac-package-identifier: 'orvane' is not a bundle identifier; give one such as "
+            "com.example.backup",
+        ),
+        (["--copyright", "two\nlines"], "--copyright: 'two\nlines' is not one line; give one"),
+        (
+            ["--training-seconds", "0"],
+            "--training-seconds: '0' is not a time; give a whole number above 0",
+        ),
+        (["--executable", "file"], f"--executable: 'file' {NO_PLATFORM}"),
+        (
+            ["--executable", "apple-silicon", "--jmods", "jmods"],
+            "--jmods: 'jmods' is for macos-amd64, the executable for macos-aarch64; "
+            "name the jmods directory of a JDK for that in --jmods",
+        ),
+        (
+            ["--executable", "universal", "--no-runtime"],
+            "--executable: there is no operator-tool beside 'universal'; "
+            "name the launcher where the build has put both",
+        ),
+        (
+            ["--jdk", "empty directory"],
+            "--jdk: 'empty directory' has no bin/java; name a JDK, 11 or later",
+        ),
+        (
+            ["--add-modules", "java.sql,no.such"],
+            f"--add-modules: 'no.such' is not a module of '{JDK}', which has MODULES",
+        ),
+        (
+            ["--dest", "app"],
+            "--dest: 'app/Orvane.app' is not a directory; remove it, or name another directory",
+        ),
+        (
+            ["--train", "empty directory"],
+            "--train: 'empty directory' is no bundle with a launcher and a runtime; "
+            "name an Orvane.app",
+        ),
+        (
+            ["--train", "empty directory", "--lang", "empty directory"],
+            "--lang: has no meaning with --train; leave one out",
+        ),
+    ],
+    ids=lambda value: " ".join(value) if isinstance(value, list) else "",
+)
+def test_wrong_input_is_one_line_before_anything_is_written(wrong, arguments, line):
+    before = sorted(wrong.rglob("*"))
+    executable = [] if {"--executable", "--train"} & {*arguments} else ["--executable", EXECUTABLE]
+    run = script(*executable, *arguments, cwd=wrong)
+    printed = re.sub("which has java.*", "which has MODULES", "\n".join(run.lines))
+    assert (run.status, printed) == (1, f"bundle: {line}")
+    assert sorted(wrong.rglob("*")) == before
+
+
+def test_a_JDK_for_another_platform_than_the_executable_is_rejected(wrong):
+    if not LINUX:
+        impossible("a Mac's own JDK is for macOS")
+    assert script("--executable", "universal", cwd=wrong) == (
+        1,
+        [
+            f"bundle: --jdk: '{JDK}' is for {this_platform()}, the executable for macos-amd64 and "
+            "macos-aarch64; name the jmods directory of a JDK for that in --jmods"
+        ],
+    )
+
+
+def test_a_JAVA_HOME_that_is_no_JDK_is_rejected(wrong):
+    run = bundle(cwd=wrong, JAVA_HOME="empty directory")
+    line = "bundle: JAVA_HOME: 'empty directory' has no bin/java; name a JDK, 11 or later"
+    assert run == (1, [line])
+
+
+def test_a_SOURCE_DATE_EPOCH_that_is_no_time_is_rejected(wrong):
+    run = bundle(cwd=wrong, SOURCE_DATE_EPOCH="today")
+    line = "bundle: SOURCE_DATE_EPOCH: 'today' is not a time; give seconds since 1970"
+    assert run == (1, [line])
+
+
+def test_a_destination_where_nobody_can_write_is_named(wrong):
+    run = bundle(*SERVICE, "--no-runtime", "--dest", "file/none", cwd=wrong)
+    line = "bundle: --dest: 'file/none': Not a directory; name another directory"
+    assert run == (1, [line])
+
+
+def test_all_options_are_explained_on_one_screen():
+    lines = subprocess.check_output([ROOT / "script/bundle", "--help"], text=True).splitlines()
+    assert len(lines) <= 40 and max(map(len, lines)) <= 110

@@ -1,0 +1,42 @@
+"""The Java runtime that is linked for a bundle."""
+
+import filecmp
+
+from bundler.jdk import find_jdk
+from bundler.runtime import link_runtime
+from bundling import JDK, bundle, wrapped_jdk, write_script
+
+
+def test_VM_options_that_the_runtime_rejects_are_found_before_the_service_runs(tmp_path, vendor):
+    # The whole JDK accepts them: its debugger is not in the runtime.
+    run = bundle(
+        *("--main-jar", vendor / "mine/service.jar"),
+        *("--java-options", "-Xss1m"),
+        *("--java-options", "-agentlib:jdwp=server=y"),
+        cwd=tmp_path,
+    )
+    assert run == (
+        1,
+        [
+            "Looking up the modules that the jars refer to: N s",
+            "Linking the runtime: N s",
+            "bundle: --java-options: the linked runtime does not start: "
+            "Error occurred during initialization of VM",
+        ],
+    )
+
+
+def test_every_runtime_is_linked_by_the_JDK_that_is_there_now_and_has_the_same_bytes(tmp_path):
+    home = wrapped_jdk(tmp_path, "jlink", "")
+    jdk = find_jdk(home, None, {})
+    first, second = tmp_path / "first", tmp_path / "second"
+    link_runtime(first, {"java.base"}, jdk, ())
+    # An update behind the same path.
+    updated = f'#!/bin/sh\ntouch "{tmp_path}/updated"\nexec "{JDK}/bin/jlink" "$@"\n'
+    (home / "bin/jlink").unlink()
+    write_script(home / "bin/jlink", updated)
+    link_runtime(second, {"java.base"}, jdk, ())
+    assert (tmp_path / "updated").exists()
+    files = sorted(path.relative_to(first) for path in first.rglob("*") if path.is_file())
+    assert files == sorted(path.relative_to(second) for path in second.rglob("*") if path.is_file())
+    assert filecmp.cmpfiles(first, second, files, shallow=False)[1:] == ([], [])

@@ -1,0 +1,163 @@
+"""The run of the service that shows which modules and classes it loads."""
+
+import os
+import pathlib
+import re
+import signal
+import subprocess
+import tempfile
+import time
+
+import pytest
+from bundling import EXECUTABLE, JAVA, bundle, this_platform, write_jar
+from support import ROOT
+
+KIND = "linked" if JAVA in (24, 25) else "plain"
+LEFT = [
+    "Left running by the service or its client, ended: sleep 987",
+    "Left running by the service or its client, ended: sleep 987",
+    "Written by the service or its client, removed: tmp/ready",
+    "Written by the service or its client, removed: training/Contents/MacOS/service.db",
+]
+
+
+def test_a_bundle_is_made_of_whatever_a_class_path_can_hold(vendor, trained):
+    status, lines = trained.result
+    modules = dict(line.split(": ") for line in lines if line.startswith("Modules"))
+    assert (status, [line for line in lines if not line.startswith("Modules")]) == (
+        0,
+        [
+            "Looking up the modules that the jars refer to: N s",
+            "Linking the runtime: N s",
+            *LEFT,
+            "Running the service once: N s",
+            "Linking the runtime: N s",
+            "Archiving the classes that it loaded: N s",
+            *LEFT,
+            "Running it from the bundle: N s",
+            f"Classes of the service in this run, from the archive ({KIND}): 5 of 5",
+            "Made a dist/Orvane.app",
+            f"Packing a dist/Orvane-2.1.0-{this_platform()}.tar.gz: N s",
+        ],
+    ), trained.result
+    # Only the class for Java 11 refers to SQL, only the run shows the German names of the days.
+    assert modules["Modules, jdeps"] == "java.base java.sql (2)"
+    assert "jdk.localedata" in modules["Modules, training"].split()
+    assert (vendor / "client-ran").read_text() == f"{vendor}\n"
+
+
+REMEDY = "give --training-argument with which the service ends well, or --no-archive"
+
+
+@pytest.mark.parametrize(
+    "arguments, shown, wrong",
+    [
+        (["exit"], [], f"training ended with status 3 after N s, see above; {REMEDY}"),
+        (
+            ["throw"],
+            [
+                '  | Exception in thread "main" java.lang.IllegalStateException: no database',
+                "  | \tat com.vaultory.service.QRService.main(QRService.java:N)",
+                "  | Service is complete.",
+            ],
+            f"training ended with an exception from main after N s, see above; {REMEDY}",
+        ),
+        (
+            ["-x"],
+            ["  | Launching as system", "  | Illegal argument encountered: '-x'."],
+            "--training-argument: the launcher rejects these, see above; give others",
+        ),
+        (
+            ["sleep", "--training-command", "exit 5"],
+            None,  # whatever it has printed by then
+            "training's client ended with status 5 after N s, see above; "
+            "give another --training-command",
+        ),
+    ],
+    ids=["exit", "throw", "illegal", "client"],
+)
+def test_training_that_fails_prints_why_and_leaves_the_former_bundle(
+    tmp_path, vendor, arguments, shown, wrong
+):
+    former = tmp_path / "dist/Orvane.app/former"
+    former.mkdir(parents=True)
+    service = vendor / "mine/service.jar"
+    run = bundle("--main-jar", service, "--training-argument", *arguments, cwd=tmp_path)
+    first, *printed, last = [re.sub(r"java:\d+", "java:N", line) for line in run.lines]
+    assert first == "Looking up the modules that the jars refer to: N s"
+    assert (run.status, last) == (1, f"bundle: {wrong}")
+    assert shown in (None, printed)
+    assert sorted(tmp_path.rglob("*")) == [former.parents[1], former.parent, former]
+
+
+def test_a_class_from_outside_the_bundle_is_named(tmp_path, classes):
+    outside = write_jar(
+        tmp_path / "outside.jar", {"below/Below.class": classes["below/Below.class"]}
+    )
+    agent = write_jar(
+        tmp_path / "agent.jar",
+        {"agent/Agent.class": classes["agent/Agent.class"]},
+        "Premain-Class: agent.Agent\r\n",
+    )
+    names = "com/", "upper/", "vendor/", "versioned/"
+    inside = {name: data for name, data in classes.items() if name.startswith(names)}
+    service = write_jar(tmp_path / "service.jar", inside, f"Class-Path: {outside.as_uri()}\r\n")
+    run = bundle(
+        *("--main-jar", service),
+        *("--input", agent),
+        *("--java-options", "-javaagent:../Resources/lib/agent.jar"),
+        cwd=tmp_path,
+    )
+    assert f"Not in the bundle, though classes come from there: {outside}" in run.lines
+    if JAVA < 25:  # the VM's own words, and what to do
+        assert "AllowArchivingWithJavaAgent" in run.lines[-3] + run.lines[-2], run
+        line = (
+            "bundle: the VM makes no archive, see above; --no-archive makes the bundle without one"
+        )
+        assert run.lines[-1] == line
+    else:
+        assert run.lines[-2:] == [
+            "Classes of the service in this run, from the archive (cache): 5 of 6",
+            "Made dist/Orvane.app",
+        ]
+
+
+@pytest.fixture
+def short_directory():
+    """An empty directory whose path has no space: the VM's options take none."""
+    directory = pathlib.Path(tempfile.mkdtemp(dir="/tmp")).resolve()
+    yield directory
+    directory.rmdir()
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGHUP])
+def test_an_interrupted_run_takes_service_and_client_with_it_and_leaves_nothing(
+    tmp_path, vendor, short_directory, number
+):
+    mark = short_directory.name  # by which both are found among the processes
+    command = [
+        *(ROOT / "script/bundle", "--executable", EXECUTABLE),
+        *("--main-jar", vendor / "mine/service.jar", "--input", vendor / "mine/lib"),
+        *("--training-argument", "serve", "--training-argument", mark),
+        *("--training-command", f"while sleep 0.1; do : {mark}; done"),
+    ]
+    environment = {**os.environ, "TMPDIR": str(short_directory)}
+    with subprocess.Popen(
+        command, cwd=tmp_path, stderr=subprocess.DEVNULL, env=environment
+    ) as script:
+        deadline = time.monotonic() + 100
+        while not list(short_directory.glob("bundle-*/tmp/ready")):
+            assert script.poll() is None and time.monotonic() < deadline
+            time.sleep(0.05)
+        client = f"/bin/sh -c while sleep 0.1; do : {mark}; done"
+        assert children_with(mark) == [f"./OrvaneService serve {mark}", client]
+        script.send_signal(number)
+        assert script.wait(60) == 128 + number
+    assert children_with(mark) == []
+    assert [*tmp_path.iterdir(), *short_directory.iterdir()] == []
+
+
+def children_with(word):
+    """The commands of the bundler's children that have this word."""
+    listed = subprocess.check_output(["ps", "-axo", "command="], text=True).splitlines()
+    return sorted(line for line in listed if word in line and "script/bundle" not in line)

@@ -1,0 +1,2 @@
+/** A module that the vendor compiled with, and that nobody has here. */
+module gone {}

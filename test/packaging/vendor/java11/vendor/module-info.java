@@ -1,0 +1,4 @@
+module vendor {
+    requires gone;
+    requires java.sql;
+}

@@ -1,0 +1,5 @@
+package below;
+
+public class Below {
+    public static final String TEXT = new String("below "); // not a constant: the class is loaded
+}
