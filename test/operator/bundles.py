@@ -13,7 +13,7 @@ from bundler.layout import Product, make_layout  # noqa: E402
 
 from stand_ins import OPERATOR_TOOL  # noqa: E402
 
-TOOL = BUILD_DIR / "src/operator-tool"
+TOOL = BUILD_DIR / "src/operator-tool"  # copied into the directory, where any account can execute it
 # What the service does. "dies" ends when a test says so, later than install looks.
 PROGRAMS = {
     "stays": "signal.pause()",
@@ -25,7 +25,7 @@ PROGRAMS = {
 }
 SERVICE = """#!/bin/sh
 # @(#)OrvaneService 1.0.0
-exec "PYTHON" -I -S -c "import os, signal, sys, time
+exec /usr/bin/python3 -I -S -c "import os, signal, sys, time
 PROGRAM" version-VERSION
 """
 
@@ -36,14 +36,14 @@ def make_bundle(directory, app, version, program, team, limits, interposed):
     work = directory / "making"
     shutil.rmtree(work, ignore_errors=True)
     service = SERVICE.replace("PROGRAM", PROGRAMS[program]).replace("DIRECTORY", str(directory))
-    service = service.replace("PYTHON", sys.executable).replace("VERSION", version)
+    service = service.replace("VERSION", version)
     put(work / "OrvaneService", service.encode(), 0o755)
     put(work / "service.jar", b"")
     put(work / "operator-tool", stand_in(OPERATOR_TOOL, directory), 0o755)
     make_layout(
         app,
         executable=work / "OrvaneService",
-        operator_tool=work / "operator-tool" if interposed else TOOL,
+        operator_tool=(work if interposed else directory) / "operator-tool",
         jars={"service.jar": work / "service.jar"},
         product=Product(version=version),
     )
@@ -58,7 +58,7 @@ def make_bundle(directory, app, version, program, team, limits, interposed):
 
 def stand_in(text, directory):
     """A stand-in's script."""
-    text = text.replace("DIRECTORY", str(directory)).replace("TOOL", str(TOOL))
+    text = text.replace("DIRECTORY", str(directory))
     return f"#!/bin/sh\n{text}\n".encode()
 
 

@@ -5,17 +5,19 @@ import pathlib
 import plistlib
 import pwd
 import re
+import shutil
 import subprocess
 import time
 
-from bundles import delete, make_bundle, put, stand_in
+from bundles import TOOL, delete, make_bundle, put, stand_in
 from launchd import CLIENT, Launchd
 from stand_ins import LS, STAND_INS
 from support import CONTENTS
+from support.root import SCRATCH, USER
 
 __all__ = ["ALICE", "MAC", "Machine", "delete", "put"]
 
-MAC = pathlib.Path(os.path.realpath("/tmp"), "orvane/mac")
+MAC = pathlib.Path(SCRATCH, "mac")
 ALICE = pwd.getpwnam("nobody")  # any ordinary account
 
 
@@ -63,9 +65,13 @@ class Machine:
         for path in *shared, root.path(MAC) / "bin":
             path.mkdir(parents=True, exist_ok=True)
         MAC.chmod(0o777)
+        shutil.copy(TOOL, MAC / "operator-tool")
         if user:
             self.give(self.home)
         self.shared = {path: path.stat() for path in shared}
+        if not user and USER is not None:  # root:admin 775, as on a Mac
+            os.chown(applications, 0, 80)
+            applications.chmod(0o775)
         for name, text in STAND_INS.items():
             self.stand_in(name, text)
         for name in "launchctl", "plutil":

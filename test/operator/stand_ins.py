@@ -55,8 +55,8 @@ STAND_INS = {
 
 # Runs the product's own, and names each rename and exchange: "rename new ready", "exchange ready/job job", and the
 # second of the same name in a call "exchange ready/job job, again". What DIRECTORY/at says of a step happens then.
-OPERATOR_TOOL = """case $1 in rename | exchange) ;; *) exec "TOOL" "$@" ;; esac
-[ -e DIRECTORY/at ] || exec "TOOL" "$@"
+OPERATOR_TOOL = """case $1 in rename | exchange) ;; *) exec DIRECTORY/operator-tool "$@" ;; esac
+[ -e DIRECTORY/at ] || exec DIRECTORY/operator-tool "$@"
 name() {
     case $1 in
         */Applications/Orvane.app) echo app ;;
@@ -71,7 +71,7 @@ echo "$step" >>DIRECTORY/steps
 BEFORE='' AFTER=''
 . DIRECTORY/at
 eval "$BEFORE"
-"TOOL" "$@"
+DIRECTORY/operator-tool "$@"
 status=$?
 eval "$AFTER"
 exit $status"""
