@@ -106,12 +106,12 @@ ask() { # ARGUMENT...
         if [ "$try" != 1 ]; then sleep "$pause" 9>&-; fi
         answer=$(limited "$launchctl_limit" launchctl "$@" 2>&1)
         status=$?
-        if [[ $answer = "operator-tool: "* ]]; then status=124; fi # whose own failure has status 125
+        if [[ $answer = "operator-tool: "* && $status != 124 ]]; then continue; fi # 125 is its own failure, too
         case $status in
             0) return 0 ;;
-            112 | 113 | 125) return 1 ;; # no such domain; no such job; not in this domain: nobody is logged in
-            124) return 2 ;;
-        esac # anything else, such as 5, may be another time's
+            112 | 113 | 125) return 1 ;; # no such domain; no such job; nobody is logged in to that domain
+            124) return 2 ;;             # once is enough of that
+        esac
     done
     return 2
 }
@@ -246,14 +246,13 @@ remove_scratch() {
 }
 # An agent's user may have locked files, or directories without the right to write.
 unlock() {
-    clear_flags_and_lists "$1"
+    clear_flags "$1"
+    clear_access_lists "$1"
     chmod -R u+rwX "$1"
 }
-# Not by the -R of chmod, which changes what symbolic links lead to since macOS 12.
-clear_flags_and_lists() {
-    find "$1" -exec chflags -h nouchg,noschg,nouappnd,nosappnd {} + &&
-        find "$1" ! -type l -exec chmod -N {} +
-}
+clear_flags() { find "$1" -exec chflags -h nouchg,noschg,nouappnd,nosappnd {} +; }
+# Not chmod -RN, which since macOS 12 changes what symbolic links lead to.
+clear_access_lists() { find "$1" ! -type l -exec chmod -N {} +; }
 
 # Exchanges, renames and removes names; no content is copied, nothing else is replaced, no link is followed. A tool
 # that was killed may have done its work: what counts is what is on disk then.
