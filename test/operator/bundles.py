@@ -77,10 +77,12 @@ def script_text(script, directory, limits):
 
 
 def put(path, content, mode=0o644):
+    """Writes a file, and returns its path."""
     path.parent.mkdir(parents=True, exist_ok=True)
     path.unlink(missing_ok=True)
     path.write_bytes(content)
     path.chmod(mode)
+    return path
 
 
 def delete(path):

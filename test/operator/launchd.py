@@ -26,16 +26,15 @@ NO_DOMAIN = 125, "", "No such domain\n"
 
 # A caller writes its arguments to a file of its number, announces the number, and waits for the status.
 CLIENT = """#!/bin/sh
-call={directory}/calls/$$
+call={directory}/asked/$$
 mkfifo "$call"
 for last; do :; done
 if [ "$last" = - ]; then cat >"$call.in"; fi
 printf '%s\\0' "${{0##*/}}" "$@" >"$call.arguments"
-echo $$ >{directory}/calls/announced
+echo $$ >{directory}/asked/announced
 read -r status <"$call"
 if [ -s "$call.out" ]; then cat "$call.out"; fi
 if [ -s "$call.err" ]; then cat "$call.err" >&2; fi
-rm -f "$call" "$call".*
 exit "$status"
 """
 
@@ -119,16 +118,16 @@ class Launchd:
     says."""
 
     def __init__(self, directory, uid):
-        self.calls = directory / "calls"
+        self.asked = directory / "asked"
         self.uid = uid
         self.lock = threading.RLock()
         self.jobs, self.refused, self.disabled, self.faults = {}, {}, set(), {}
         self.two_at_once = False
         self.processes = []
         self.ended = False
-        self.calls.mkdir()
-        self.calls.chmod(0o777)
-        announced = self.calls / "announced"
+        self.asked.mkdir()
+        self.asked.chmod(0o777)
+        announced = self.asked / "announced"
         os.mkfifo(announced)
         announced.chmod(0o666)
         self.announced = open(announced, "r+b", buffering=0)
@@ -139,20 +138,19 @@ class Launchd:
             threading.Thread(target=self.answer, args=[line.decode().strip()], daemon=True).start()
 
     def answer(self, number):
-        call = self.calls / number
+        call = self.asked / number
         name, *arguments = call.with_suffix(".arguments").read_bytes().split(b"\0")[:-1]
         arguments = [os.fsdecode(argument) for argument in arguments]
         with self.lock:
             if name == b"plutil":
-                status, out, error = plutil(arguments, call.with_suffix(".in"))
+                status, *texts = plutil(arguments, call.with_suffix(".in"))
             else:
                 method = getattr(self, arguments[0].replace("-", "_"))
-                status, out, error = method(*arguments[1:])
-        call.with_suffix(".out").write_bytes(os.fsencode(out))
-        call.with_suffix(".err").write_bytes(os.fsencode(error))
-        for path in call.with_suffix(".out"), call.with_suffix(".err"):
-            path.chmod(0o666)
+                status, *texts = method(*arguments[1:])
+        for suffix, text in zip((".out", ".err"), texts):
+            call.with_suffix(suffix).write_bytes(os.fsencode(text))
         reply(call, f"{status}\n".encode())
+        call.unlink()
 
     def end(self):
         self.announced.write(b"\n")

@@ -30,7 +30,7 @@ shift
 /bin/ls -ldn "$@" | awk -v acl="ACL" '{ print; print " 0: group:everyone deny delete" }
     acl && substr($0, length($0) - length(acl)) == " " acl { print " 1: user:bob allow write" }' """
 
-# What DIRECTORY/locked names cannot be removed until chflags has been called for it.
+# What DIRECTORY/locked names cannot be removed, where RM is installed, until chflags has been called for it.
 CHFLAGS = """[ -e DIRECTORY/locked ] || exit 0
 for path; do [ "${path##*/}" != "$(cat DIRECTORY/locked)" ] || rm DIRECTORY/locked; done"""
 RM = """if [ -e DIRECTORY/locked ]; then
@@ -49,7 +49,6 @@ STAND_INS = {
     "codesign": CODESIGN,
     "ls": LS.replace("ACL", ""),
     "pkgutil": "[ -e DIRECTORY/receipts/$2 ] || exit 1; [ $1 != --forget ] || rm DIRECTORY/receipts/$2",
-    "rm": RM,
     "sync": "exit 0",
     "xattr": 'echo "xattr $1" >>DIRECTORY/calls; [ $1 = -rd ] || [ -e DIRECTORY/quarantine ]',
 }
@@ -63,7 +62,7 @@ name() {
         */Applications/Orvane.app) echo app ;;
         *.plist) echo job ;;
         */Orvane/gone/*) echo gone ;;
-        *) echo "$1" | sed 's|.*/Orvane/||; s|^\\([a-z-]*\\)\\.[^/]*|\\1|' ;;
+        *) echo "$1" | sed 's|.*/Application Support/||; s|^Orvane/||; s|^\\([a-z-]*\\)\\.[^/]*|\\1|' ;;
     esac
 }
 step="$1 $(name "$2") $(name "$3")"
