@@ -1,5 +1,5 @@
-"""Bundles of a few files, laid out by the bundler: names and property lists are the product's. Their scripts are
-the product's as well, with the directory of the stand-ins at the front of PATH, and shorter waits."""
+"""Bundles of a few files, laid out by the bundler: names and property lists are the product's. So are their
+scripts, but for the directory of the stand-ins at the front of PATH, and shorter waits."""
 
 import os
 import re
@@ -13,7 +13,9 @@ from bundler.layout import Product, make_layout  # noqa: E402
 
 from stand_ins import OPERATOR_TOOL  # noqa: E402
 
-TOOL = BUILD_DIR / "src/operator-tool"  # copied into the directory, where any account can execute it
+TOOL = (
+    BUILD_DIR / "src/operator-tool"
+)  # copied into the directory, where any account can execute it
 # What the service does. "dies" ends when a test says so, later than install looks.
 PROGRAMS = {
     "stays": "signal.pause()",

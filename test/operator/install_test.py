@@ -232,6 +232,49 @@ def test_a_quarantine_is_removed_once_the_signature_is_verified(machine):
     assert (MAC / "calls").read_text() == "codesign --verify\ncodesign --verify\nxattr -d\n"
 
 
+# What codesign says of both bundles of version 2, where the installed ones are signed.
+UNSIGNED = "code object is not signed at all"
+BY_LINKER = "code has no resources but signature indicates they must be present"
+INVALID = {
+    f"{UNSIGNED}\nIn subcomponent: /x": f"{UNSIGNED}?In subcomponent: /x",
+    f"changed\nfile added: {UNSIGNED}": f"changed?file added: {UNSIGNED}",
+    UNSIGNED: UNSIGNED,  # of what has a signature
+    BY_LINKER: BY_LINKER,
+}
+
+
+@pytest.mark.parametrize("says", INVALID)
+def test_a_bundle_whose_signature_is_damaged_is_not_taken_for_an_unsigned_one(machine, says):
+    machine.good("1")
+    machine.bundle("2")
+    machine.stand_in("codesign", f'for path; do :; done; printf "%s: {says}\n" "$path" >&2; exit 1')
+    assert machine.call("2") == (
+        1,
+        f"{COPY}install: the signature of SOURCE is not valid: {INVALID[says]}; nothing was changed\n",
+    )
+
+
+def test_a_bundle_without_any_signature_replaces_none_that_has_one(machine):
+    machine.bundle("1", team="")
+    status, text = machine.call("1")
+    assert (status, text.splitlines()[1:3]) == (
+        0,
+        ["Warning: Orvane.app is not signed.", "Warning: OrvaneService.app is not signed."],
+    )
+    machine.good("2")
+    assert machine.call("1") == (
+        1,
+        f"{COPY}install: Orvane.app is not signed, but the installed one is; nothing was changed\n",
+    )
+    assert machine.call(machine.app, "--rollback")[0] == 0
+    assert machine.seen() == ("1", "1", "2", set())
+
+
+def test_versions_may_have_any_characters(machine):
+    machine.good("1_a", "1_b")
+    assert machine.seen() == ("1_b", "1_b", "1_a", set())
+
+
 def test_what_an_administrator_has_disabled_stays_so_and_is_said(machine):
     machine.model.disabled.add(machine.target)
     for word, place in ("disabled", ""), ("true", " in place of 1"):

@@ -1,8 +1,9 @@
 """A model of launchd with real processes, and of plutil, which the stand-ins for launchctl and plutil ask.
 
-As launchd does: bootout returns before the process has ended, which is killed after ExitTimeOut; a bootstrap of
-that label is refused with 5 for a while; a job runs at load, and again unless it exited with 0, but not before
-ThrottleInterval after its last start; a log that cannot be opened ends it with 78. Times are 1/200 of a Mac's."""
+As launchd does: bootout returns before the process has ended, which is killed after ExitTimeOut; a
+bootstrap of that label is refused with 5 for a while; a job runs at load, and again unless it exited with
+0, but not before ThrottleInterval after its last start; a log that cannot be opened ends it with 78.
+Times are 1/200 of a Mac's."""
 
 import errno
 import os

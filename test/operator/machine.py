@@ -96,16 +96,17 @@ class Machine:
     def at(self, step, before="", after=""):
         """What happens before and after this step of the next calls, see stand_ins; $PPID is the script."""
         delete(MAC / "steps")
-        put(MAC / "at", f"case $step in '{step}') BEFORE='{before}' AFTER='{after}' ;; esac".encode())
+        put(
+            MAC / "at",
+            f"case $step in '{step}') BEFORE='{before}' AFTER='{after}' ;; esac".encode(),
+        )
         put(MAC / "steps", b"", 0o666)
 
     def steps(self):
         """The steps of the calls since then; nothing happens at any from now on."""
         (MAC / "at").unlink()
         steps = (MAC / "steps").read_text().splitlines()
-        return [
-            step + ", again" * (step in steps[:number]) for number, step in enumerate(steps)
-        ]
+        return [step + ", again" * (step in steps[:number]) for number, step in enumerate(steps)]
 
     def give(self, path):
         subprocess.run(["chown", "-Rh", f"{self.uid}:{self.uid}", path], check=True)

@@ -1,8 +1,9 @@
-"""Stand-ins for the tools that only a Mac has, in the directory at the front of the scripts' PATH; and for
-operator-tool, which lets a test act at a step. Each is a script of sh; DIRECTORY is where the tests' own files are."""
+"""Stand-ins for the tools that only a Mac has, in the directory at the front of the scripts' PATH; and
+for operator-tool, which lets a test act at a step. Each is a script of sh. DIRECTORY is where the tests'
+own files are."""
 
-# As a signature does, the file _CodeSignature/CodeResources notices what is changed later; it has the team. There are
-# two texts for a bundle without one: its executable may have the linker's signature.
+# As a signature does, the file _CodeSignature/CodeResources notices what is changed later; it has the
+# team. There are two texts for a bundle without one: its executable may have the linker's signature.
 CODESIGN = """echo "codesign $1" >>DIRECTORY/calls
 for path; do :; done
 fail() { echo "$path: $1" >&2; exit 1; }
@@ -17,7 +18,8 @@ fi
 file added: x"
 case $* in *\\"$(cat "$seal")\\"*) ;; *OU*) fail "test-requirement: code failed to satisfy" ;; esac"""
 
-# -N clears access lists, which DIRECTORY/lists records. With -R, those of what links lead to as well, as since macOS 12.
+# -N clears access lists, which DIRECTORY/lists records. With -R, those of what links lead to as well, as
+# since macOS 12.
 CHMOD = """case $1 in
     -N) shift; printf '%s\\n' "$@" >>DIRECTORY/lists ;;
     -RN) find "$2" >>DIRECTORY/lists; find "$2" -type l -exec readlink {} \\; >>DIRECTORY/lists ;;
@@ -53,8 +55,9 @@ STAND_INS = {
     "xattr": 'echo "xattr $1" >>DIRECTORY/calls; [ $1 = -rd ] || [ -e DIRECTORY/quarantine ]',
 }
 
-# Runs the product's own, and names each rename and exchange: "rename new ready", "exchange ready/job job", and the
-# second of the same name in a call "exchange ready/job job, again". What DIRECTORY/at says of a step happens then.
+# Runs the product's own, and names each rename and exchange: "rename new ready", "exchange ready/job job",
+# and the second of the same name "exchange ready/job job, again". What DIRECTORY/at says of a step happens
+# then.
 OPERATOR_TOOL = """case $1 in rename | exchange) ;; *) exec DIRECTORY/operator-tool "$@" ;; esac
 [ -e DIRECTORY/at ] || exec DIRECTORY/operator-tool "$@"
 name() {
