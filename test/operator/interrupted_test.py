@@ -443,7 +443,7 @@ EARLIER = {
 def test_what_earlier_scripts_left_is_understood(machine, name):
     commands, said = EARLIER[name]
     machine.good("1", "2")
-    machine.sh(commands + "; mkdir $KEPT/new.a $KEPT/gone.b")
+    machine.sh("mkdir $KEPT/new.a $KEPT/gone.b; " + commands)
     put(machine.data / "conf/jvm_args", b"-Dx\n")
     status, text = machine.call("2")
     assert (status, machine.seen()) == (1, ("2", "2", "1", set())), text
