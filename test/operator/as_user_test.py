@@ -6,7 +6,8 @@ import pwd
 import subprocess
 
 import pytest
-from support import BUILD_DIR, LINUX, impossible
+from support import BUILD_DIR
+from support.macos import needs
 
 TOOL = "/tmp/orvane/operator-tool"  # where other users can execute it
 USER = pwd.getpwnam("nobody")  # any ordinary account
@@ -75,8 +76,7 @@ def test_the_user_may_call_it_and_nobody_else(users):
 
 @pytest.mark.parametrize("call", ["setgroups", "setgid", "setuid"])
 def test_a_call_of_the_system_that_does_nothing_is_noticed(users, call, tmp_path):
-    if not LINUX:
-        impossible("macOS has no strace")
+    needs("strace")
     inject = ["strace", "-f", "-o", tmp_path / "trace", f"--inject={call}:retval=0"]
     before = (lambda: os.setgroups([0, 4, 20])) if call == "setgroups" else None
     status, text, errors = as_user(USER.pw_name, "id", before=before, prefix=inject)
