@@ -89,8 +89,6 @@ def make_layout(
             shutil.copytree(source, target, symlinks=True)
         else:
             target.mkdir(parents=True)
-    if not (resources / "operator/uninstall").exists():
-        (resources / "operator/uninstall").symlink_to("install")
     for source, target in (
         (executable, service / "MacOS/OrvaneService"),
         (operator_tool, resources / "operator" / OPERATOR_TOOL),
