@@ -19,14 +19,18 @@ TOOL = (
 # What the service does. "dies" ends when a test says so, later than install looks.
 PROGRAMS = {
     "stays": "signal.pause()",
-    "crashes": "sys.exit('no \\x1b[31mvalid configuration')",
     "dies": "while not os.path.exists('DIRECTORY/die'): time.sleep(0.02)\nsys.exit(3)",
     "ignores": "signal.signal(signal.SIGTERM, signal.SIG_IGN)\nwhile True: signal.pause()",
     "lingers": "signal.signal(signal.SIGTERM, lambda *_: (time.sleep(0.2), sys.exit(143)))\nsignal.pause()",
-    "exits": "",
+}
+# At once, before install has looked often enough.
+SHORT_PROGRAMS = {
+    "crashes": "printf 'no \\033[31mvalid configuration\\n' >&2; exit 1",
+    "exits": "exit 0",
 }
 SERVICE = """#!/bin/sh
 # @(#)OrvaneService 1.0.0
+SHORT
 exec /usr/bin/python3 -I -S -c "import os, signal, sys, time
 PROGRAM" version-VERSION
 """
@@ -37,7 +41,9 @@ def make_bundle(directory, app, version, program, team, limits, interposed):
     the product's, or a stand-in that runs it."""
     work = directory / "making"
     shutil.rmtree(work, ignore_errors=True)
-    service = SERVICE.replace("PROGRAM", PROGRAMS[program]).replace("DIRECTORY", str(directory))
+    service = SERVICE.replace("SHORT", SHORT_PROGRAMS.get(program, ""))
+    service = service.replace("PROGRAM", PROGRAMS.get(program, ""))
+    service = service.replace("DIRECTORY", str(directory))
     service = service.replace("VERSION", version)
     put(work / "OrvaneService", service.encode(), 0o755)
     put(work / "service.jar", b"")

@@ -55,7 +55,12 @@ CALLS = {
     "first": ([], ["2"], ["4"], [("4", "4", None), ("4", "4", "2")]),
     "uninstall": (["1", "2"], ["2", "uninstall"], ["4"], [("4", "4", "2"), ("4", "4", None)]),
 }
-SOME = ["upgrade", "failing upgrade", "rollback"]
+# The steps that are tried without TRIALS.
+SOME = {
+    "upgrade": UPGRADE,
+    "failing upgrade": [*BACK, "rename replacing gone"],
+    "rollback": REPLACED,
+}
 
 
 def call(machine, version, *more):
@@ -77,9 +82,12 @@ def test_a_call_killed_after_any_step_is_completed_or_undone(machine, name):
     for number, program in enumerate(["stays", "stays", "crashes", "stays"], start=1):
         machine.bundle(str(number), program)
     prepare(machine, before)
-    machine.at("none")
-    call(machine, *killed)
-    for step in machine.steps():
+    steps = SOME.get(name)
+    if TRIALS >= 10:
+        machine.at("none")
+        call(machine, *killed)
+        steps = machine.steps()
+    for step in steps:
         prepare(machine, before)
         machine.at(step, after="kill -9 $PPID")
         assert call(machine, *killed)[0] == KILLED, step
