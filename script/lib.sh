@@ -68,17 +68,18 @@ need_build_tools() {
 
 need_test_tools() {
     if [ "$(uname)" = Darwin ]; then
-        [ -x build/venv/bin/pytest ] || step "Fetching pytest into build/venv" fetch_pytest
+        build/venv/bin/python3 -c 'import hypothesis, pytest' 2>/dev/null ||
+            step "Fetching pytest into build/venv" fetch_pytest
         return
     fi
     local python=/usr/lib/python3/dist-packages java=/usr/share/java
     need bwrap:bubblewrap strace:strace nm:binutils unzip:unzip /usr/include/gtest/gtest.h:libgtest-dev \
-        $python/pytest:python3-pytest $python/hypothesis:python3-hypothesis $python/yaml:python3-yaml \
+        $python/pytest:python3-pytest $python/hypothesis:python3-hypothesis \
         $java/h2.jar:libh2-java $java/slf4j-api.jar:libslf4j-java $java/servlet-api.jar:libservlet-api-java
 }
 fetch_pytest() {
-    python3 -m venv build/venv
-    build/venv/bin/pip install pytest hypothesis pyyaml
+    python3 -m venv --clear build/venv
+    build/venv/bin/pip install pytest hypothesis
 }
 
 # clang++, with its sanitizers, libc++ (the C++ library of macOS) and the sources of GoogleTest, to
