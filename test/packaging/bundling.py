@@ -82,6 +82,11 @@ def wrapped_jdk(directory, program, line):
     return jdk
 
 
+def elf(machine):
+    """The head of a program for Linux on this processor."""
+    return b"\x7fELF\2\1\1" + bytes(9) + struct.pack("<2H", 3, machine) + bytes(44)
+
+
 def mach_o(*processors, macos=(11, 0)):
     """A program for this macOS and later, universal for two processors."""
     slices = []

@@ -13,12 +13,13 @@ from bundling import (
     MAIN,
     X86_64,
     bundle,
+    elf,
     mach_o,
     script,
     this_platform,
     write_jar,
 )
-from support import LINUX, ROOT, impossible
+from support import ROOT
 
 
 @pytest.fixture(scope="session")
@@ -162,14 +163,17 @@ def test_wrong_input_is_one_line_before_anything_is_written(wrong, arguments, li
     assert sorted(wrong.rglob("*")) == before
 
 
-def test_a_JDK_for_another_platform_than_the_executable_is_rejected(wrong):
-    if not LINUX:
-        impossible("a Mac's own JDK is for macOS")
-    assert script("--executable", "universal", cwd=wrong) == (
+def test_a_JDK_for_another_platform_than_the_executable_is_rejected(tmp_path):
+    if this_platform().startswith("linux"):
+        other, content = "macos-amd64 and macos-aarch64", mach_o(X86_64, ARM64)
+    else:
+        other, content = "linux-amd64", elf(62)
+    (tmp_path / "launcher").write_bytes(content)
+    assert script("--executable", "launcher", cwd=tmp_path) == (
         1,
         [
-            f"bundle: --jdk: '{JDK}' is for {this_platform()}, the executable for macos-amd64 and "
-            "macos-aarch64; name the jmods directory of a JDK for that in --jmods"
+            f"bundle: --jdk: '{JDK}' is for {this_platform()}, the executable for {other}; "
+            "name the jmods directory of a JDK for that in --jmods"
         ],
     )
 

@@ -19,7 +19,8 @@ def checkout(tmp_path):
         shutil.copytree(ROOT / name, tmp_path / "a b" / name)
     (tmp_path / "a b/test/console").mkdir(parents=True)
     shutil.copy(ROOT / "test/summary.py", tmp_path / "a b/test")
-    command(tmp_path / "a b/build/venv/bin/python3", "exit 0\n")  # on a Mac script/test looks for it
+    # On a Mac script/test looks for pytest there.
+    command(tmp_path / "a b/build/venv/bin/python3", "exit 0\n")
     return tmp_path / "a b"
 
 
