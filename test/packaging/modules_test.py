@@ -11,7 +11,7 @@ import pytest
 from bundler.jdk import find_jdk
 from bundler.modules import expand, modules_by_jdeps
 from bundling import ARM64, JAVA, JDK, X86_64, mach_o, script
-from support import CONTENTS, impossible
+from support import CONTENTS, unavailable
 
 
 @pytest.fixture(scope="session")
@@ -72,7 +72,7 @@ def macos_jmods(tmp_path):
     """The module java.base, for macOS 12.3 on Intel, as a directory of a JDK's jmods."""
     original = JDK / "jmods/java.base.jmod"
     if not original.is_file():
-        impossible(f"{JDK} has no jmods")
+        unavailable(f"{JDK} has no jmods")
     jmods, programs, libraries = (tmp_path / name for name in ("jmods", "programs", "libraries"))
     for directory in jmods, programs, libraries / "server":
         directory.mkdir(parents=True)
