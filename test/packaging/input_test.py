@@ -19,7 +19,7 @@ from bundling import (
     this_platform,
     write_jar,
 )
-from support import ROOT
+from support import LINUX, ROOT
 
 
 @pytest.fixture(scope="session")
@@ -164,15 +164,13 @@ def test_wrong_input_is_one_line_before_anything_is_written(wrong, arguments, li
 
 
 def test_a_JDK_for_another_platform_than_the_executable_is_rejected(tmp_path):
-    if this_platform().startswith("linux"):
-        other, content = "macos-amd64 and macos-aarch64", mach_o(X86_64, ARM64)
-    else:
-        other, content = "linux-amd64", elf(62)
-    (tmp_path / "launcher").write_bytes(content)
+    for name in "launcher", "operator-tool":
+        (tmp_path / name).write_bytes(mach_o(X86_64, ARM64) if LINUX else elf(183))
+    platforms = "macos-amd64 and macos-aarch64" if LINUX else "linux-aarch64"
     assert script("--executable", "launcher", cwd=tmp_path) == (
         1,
         [
-            f"bundle: --jdk: '{JDK}' is for {this_platform()}, the executable for {other}; "
+            f"bundle: --jdk: '{JDK}' is for {this_platform()}, the executable for {platforms}; "
             "name the jmods directory of a JDK for that in --jmods"
         ],
     )
