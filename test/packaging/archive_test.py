@@ -103,7 +103,6 @@ def test_a_service_that_fails_with_its_own_runtime_leaves_the_former_archive(els
             "Archiving the classes that it loaded: N s",
             '  | Exception in thread "main" java.lang.IllegalStateException: a module is missing',
             "  | \tat com.vaultory.service.QRService.throwUnlessItIsToBeArchived(QRService.java:N)",
-            "  | \tat com.vaultory.service.QRService.main(QRService.java:N)",
             "  | Service is complete.",
             "bundle: the last run ended with an exception from main after N s, see above; "
             "give what it lacks to --add-modules",

@@ -114,10 +114,10 @@ def test_a_bundle_for_a_Mac_has_the_modules_of_a_JDK_for_it_and_requires_its_mac
         0,
         [
             "Looking up the modules that the jars refer to: N s",
-            "Linking the runtime: N s",
             "Modules, always: none (0)",
             "Modules, --add-modules: ALL-DEFAULT (1)",
             "Modules, jdeps: java.base (1)",
+            "Linking the runtime: N s",
             "Modules of the runtime, with those that these require: 1",
             "The runtime is for macos-amd64: call --train there, before signing, for the CDS archive",
             "Made dist/Orvane.app",
