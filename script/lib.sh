@@ -6,6 +6,14 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 CMAKE_BUILD_PARALLEL_LEVEL=${CMAKE_BUILD_PARALLEL_LEVEL:-$(getconf _NPROCESSORS_ONLN)}
 export CMAKE_BUILD_PARALLEL_LEVEL
 
+# show_help "$@": if the first argument is --help, prints the comment at the head of the script, and ends.
+show_help() {
+    if [ "${1-}" = --help ]; then
+        sed -n '2,/^[^#]/s/^# \{0,1\}//p' "script/$(basename "$0")"
+        exit
+    fi
+}
+
 say() { printf '%s\n' "$*" >&2; }
 die() { say "$(basename "$0"): $*"; exit 1; }
 
@@ -68,17 +76,18 @@ need_build_tools() {
 
 need_test_tools() {
     if [ "$(uname)" = Darwin ]; then
-        [ -x build/venv/bin/pytest ] || step "Fetching pytest into build/venv" fetch_pytest
+        build/venv/bin/python3 -c 'import hypothesis, pytest' 2>/dev/null ||
+            step "Fetching pytest into build/venv" fetch_pytest
         return
     fi
     local python=/usr/lib/python3/dist-packages java=/usr/share/java
     need bwrap:bubblewrap strace:strace nm:binutils unzip:unzip /usr/include/gtest/gtest.h:libgtest-dev \
-        $python/pytest:python3-pytest $python/hypothesis:python3-hypothesis $python/yaml:python3-yaml \
+        $python/pytest:python3-pytest $python/hypothesis:python3-hypothesis \
         $java/h2.jar:libh2-java $java/slf4j-api.jar:libslf4j-java $java/servlet-api.jar:libservlet-api-java
 }
 fetch_pytest() {
-    python3 -m venv build/venv
-    build/venv/bin/pip install pytest hypothesis pyyaml
+    python3 -m venv --clear build/venv
+    build/venv/bin/pip install pytest hypothesis
 }
 
 # clang++, with its sanitizers, libc++ (the C++ library of macOS) and the sources of GoogleTest, to
@@ -92,9 +101,26 @@ clang_is_whole() {
         int main() { return std::string().size(); }'
 }
 
-# build PRESET: configures where that has not been done, and builds.
+# configure PRESET: afresh where the checkout was moved or copied with its build directory, which CMake
+# would reject.
+configure() {
+    local fresh=''
+    if moved "$1"; then
+        fresh=--fresh
+    fi
+    step "Configuring $1" cmake --preset "$1" $fresh
+}
+moved() {
+    local recorded
+    [ -f "build/$1/CMakeCache.txt" ] || return 1
+    recorded=$(sed -n 's/^CMAKE_CACHEFILE_DIR:INTERNAL=//p' "build/$1/CMakeCache.txt")
+    ! [ "$recorded" -ef "build/$1" ]
+}
+
+# build PRESET: configures where that has not been done here, and builds.
 build() {
-    [ -f "build/$1/Makefile" ] || [ -f "build/$1/build.ninja" ] ||
-        step "Configuring $1" cmake --preset "$1"
+    if moved "$1" || ! { [ -f "build/$1/Makefile" ] || [ -f "build/$1/build.ninja" ]; }; then
+        configure "$1"
+    fi
     step "Building $1" cmake --build --preset "$1"
 }

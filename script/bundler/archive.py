@@ -23,7 +23,7 @@ def kinds_for(feature):
 
 
 def make_archive(trial, jre, feature, class_list):
-    """Makes the archive in this runtime, and runs the service from it; its file."""
+    """Makes the archive in this runtime; its kind, and the file."""
     trial.use_runtime(jre)
     add_default_classes(class_list, jre)
     file = jre / "lib/server" / archive_name(trial)
@@ -45,7 +45,7 @@ def add_default_classes(class_list, jre):
 
 def archive_name(trial):
     """The file that the VM looks for, which depends on the VM options stored in the runtime."""
-    printed = trial.java("-Xlog:all=info", "-version").stdout
+    printed = trial.run_java("-Xlog:all=info", "-version").stdout
     mapped = re.findall(r"trying to map .*/(classes\S*\.jsa)$", printed, re.M)
     return mapped[-1] if mapped else "classes.jsa"
 
@@ -53,12 +53,12 @@ def archive_name(trial):
 def collector(trial):
     """The collector that lays out an archive's objects best, unless a stored VM option names another."""
     option = "-XX:+UseG1GC"
-    return [] if trial.java(option, "-version").returncode else [option]
+    return [] if trial.run_java(option, "-version").returncode else [option]
 
 
 def dump_plain(trial, file, class_list, *options):
     """Makes an archive of the list. What the VM prints if it does not, otherwise None."""
-    ended = trial.java(
+    ended = trial.run_java(
         *options,
         *collector(trial),
         "-Xshare:dump",
@@ -77,7 +77,7 @@ def dump_linked(trial, file, class_list):
 def record_cache(trial, file, class_list):
     """Makes an AOT cache out of one more run of the service."""
     configuration = f"-XX:AOTConfiguration={trial.work}/aot"
-    ended = trial.java("-XX:AOTMode=record", configuration, "-version")
+    ended = trial.run_java("-XX:AOTMode=record", configuration, "-version")
     if ended.returncode:
         return ended.stdout
     trial.run_service(
@@ -86,7 +86,7 @@ def record_cache(trial, file, class_list):
         options=["-XX:AOTMode=record", configuration, *collector(trial)],
         last_options=[f"-Djava.class.path={CLASS_PATH}"],  # which may name no directory
     )
-    ended = trial.java(
+    ended = trial.run_java(
         "-XX:AOTMode=create",
         configuration,
         *collector(trial),
@@ -98,7 +98,7 @@ def record_cache(trial, file, class_list):
 
 def not_linked(trial):
     """What the VM prints unless it uses linked classes of the archive, otherwise None."""
-    ended = trial.java("-Xlog:all=info", "-cp", CLASS_PATH, "-version")
+    ended = trial.run_java("-Xlog:all=info", "-cp", CLASS_PATH, "-version")
     if ended.returncode == 0 and "AOT-linked classes: true" in ended.stdout:
         return None
     return ended.stdout
@@ -107,13 +107,15 @@ def not_linked(trial):
 def check_archive(trial, kind, classes):
     """Runs the service from its archive, and counts its classes, among them these, that come from there."""
     with step("Running it from the bundle"):
-        loaded, _ = trial.run_service("the last run", "give what it lacks to --add-modules")
+        run = trial.run_service("the last run", "give what it lacks to --add-modules")
     sources = [
-        source for name, source in loaded.items() if source.startswith("file:") or name in classes
+        source
+        for name, source in run.loaded_classes().items()
+        if source.startswith("file:") or name in classes
     ]
     shared = sources.count("shared objects file")
-    if sources and not shared:
-        printed = trial.java("-Xlog:cds", "-cp", CLASS_PATH, "-version").stdout
+    if not shared:
+        printed = trial.run_java("-Xlog:cds", "-cp", CLASS_PATH, "-version").stdout
         raise UserError(
             f"none of the service's {len(sources)} classes comes from the archive, see above: does a "
             "VM option prevent it?",

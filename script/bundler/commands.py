@@ -1,7 +1,9 @@
 """How a step is announced, and how other programs are called."""
 
 import contextlib
+import errno
 import logging
+import os
 import re
 import shlex
 import subprocess
@@ -24,10 +26,21 @@ def log_command(command):
     log.debug("+ %s", " ".join(shlex.quote(str(argument)) for argument in command))
 
 
+@contextlib.contextmanager
+def execution_errors(command):
+    """Turns the error of a program that cannot be executed into one line."""
+    try:
+        yield
+    except FileNotFoundError as error:
+        raise UserError(f"there is no {command[0]}", "install it, and call again") from error
+    except OSError as error:
+        raise UserError(f"'{command[0]}' cannot be executed: {error.strerror}") from error
+
+
 def run(command, **settings):
     """The finished command, with what it printed on both channels in stdout."""
     log_command(command)
-    try:
+    with execution_errors(command):
         ended = subprocess.run(
             command,
             stdin=subprocess.DEVNULL,
@@ -37,16 +50,20 @@ def run(command, **settings):
             errors="surrogateescape",
             **settings,
         )
-    except FileNotFoundError as error:
-        raise UserError(f"there is no {error.filename}", "install it, and call again") from error
     if ended.stdout:
         log.debug("%s", ended.stdout.rstrip())
+    no_space = os.strerror(errno.ENOSPC)
+    if ended.returncode and no_space in ended.stdout:
+        raise OSError(errno.ENOSPC, no_space)
     return ended
 
 
 def require(problem, command, **settings):
     """What the command prints. If it fails, the problem is raised with the line that tells why."""
-    ended = run(command, **settings)
+    try:
+        ended = run(command, **settings)
+    except subprocess.TimeoutExpired as error:
+        raise UserError(f"{problem}: it has not ended after {error.timeout:.0f} s") from error
     if ended.returncode:
         raise UserError(f"{problem}: {reason(ended)}")
     return ended.stdout

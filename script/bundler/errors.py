@@ -1,6 +1,9 @@
 """What the caller of script/bundle can correct."""
 
 import contextlib
+import errno
+import os
+import re
 import shutil
 
 
@@ -13,13 +16,38 @@ class UserError(Exception):
 
 
 @contextlib.contextmanager
-def file_errors(subject, remedy=""):
-    """Turns an error of the file system into one line about this option or directory."""
+def file_errors(option, remedy=""):
+    """Turns an error about a file that this option names into one line. A full disk is another matter."""
     try:
         yield
-    except shutil.Error as error:  # of a copied directory: a list of (source, target, reason)
-        source, _, reason = error.args[0][0]
-        raise UserError(f"{subject}: '{source}': {reason}", remedy) from error
     except OSError as error:
-        file = error.filename2 or error.filename
-        raise UserError(f"{subject}: '{file}': {error.strerror}", remedy) from error
+        if error.errno == errno.ENOSPC:
+            raise
+        raise UserError(f"{option}: '{error.filename}': {error.strerror}", remedy) from error
+
+
+@contextlib.contextmanager
+def full_disk(option, directory, megabytes, remedy):
+    """Turns the error of a full disk, on which this directory is, into one line."""
+    try:
+        yield
+    except OSError as error:
+        if error.errno != errno.ENOSPC:
+            raise
+        raise UserError(
+            f"{option}: no space is left in '{directory}'",
+            f"free {megabytes} MB there, or {remedy}",
+        ) from error
+
+
+def copy_tree(source, target):
+    """Copies a directory with its links as they are; its first error as the system reported it."""
+    try:
+        shutil.copytree(source, target, symlinks=True)
+    except shutil.Error as error:
+        file, copy, reason = error.args[0][0]
+        number = re.match(r"\[Errno (\d+)\]", str(reason))
+        if not number:
+            raise
+        code = int(number[1])
+        raise OSError(code, os.strerror(code), str(file), None, str(copy)) from error

@@ -19,7 +19,7 @@ import shutil
 import urllib.parse
 from typing import Optional
 
-from .errors import UserError
+from .errors import UserError, copy_tree, file_errors
 from .inputs import LISTING_JAR
 from .jars import write_jar
 from .launcher import ROOT
@@ -78,25 +78,28 @@ def make_layout(
     are {name below Resources/lib: file}, in the order of the class path."""
     service = app / SERVICE
     resources = service / "Resources"
-    for source, target in (
-        (directories.lang, resources / "lang"),
-        (directories.conf, resources / "conf"),
-        (directories.bin, resources / "bin"),
-        (directories.frameworks, service / "Frameworks"),
-        (ROOT / "operator", resources / "operator"),
+    for option, source, target in (
+        ("--lang", directories.lang, resources / "lang"),
+        ("--conf", directories.conf, resources / "conf"),
+        ("--bin", directories.bin, resources / "bin"),
+        ("--frameworks", directories.frameworks, service / "Frameworks"),
+        ("operator", ROOT / "operator", resources / "operator"),
     ):
         if source:
-            shutil.copytree(source, target, symlinks=True)
+            with file_errors(option):
+                copy_tree(source, target)
         else:
             target.mkdir(parents=True)
     for source, target in (
         (executable, service / "MacOS/OrvaneService"),
         (operator_tool, resources / "operator" / OPERATOR_TOOL),
     ):
-        copy_file(source, target)
+        with file_errors("--executable"):
+            copy_file(source, target)
         target.chmod(0o755)
     for name, file in jars.items():
-        copy_file(file, resources / "lib" / name)
+        with file_errors("--input"):
+            copy_file(file, resources / "lib" / name)
     if LISTING_JAR not in jars:
         class_path = " ".join(urllib.parse.quote(name, "/+") for name in jars)
         write_jar(resources / "lib" / LISTING_JAR, {"Class-Path": class_path})

@@ -6,14 +6,14 @@ import os
 import pathlib
 import re
 import shutil
-import sys
 import tempfile
 
 from . import inputs, modules, options, packing, processes, sample
 from .archive import check_archive, make_archive
-from .errors import UserError, file_errors
+from .errors import UserError, copy_tree, file_errors, full_disk
 from .jdk import check_java_options, check_modules, feature_version, find_jdk, modules_of
 from .launcher import build_launcher, project_version
+from .locales import check_locales
 from .layout import (
     SERVICE,
     Directories,
@@ -24,11 +24,15 @@ from .layout import (
     operator_tool_beside,
 )
 from .platforms import target_of
-from .runtime import link_runtime
+from .runtime import Wanted, link_runtime
+from .service import Plan
 from .training import train
-from .trial import Plan, Trial
+from .trial import Trial
 
 log = logging.getLogger(__package__)
+
+ARCHIVE_MEGABYTES = 60
+TMPDIR_MEGABYTES = 250  # of a bundle, of the runtime linked for it, and of what the runs write
 
 
 def main(arguments):
@@ -66,10 +70,12 @@ def work_directory():
     directory = os.environ.get("TMPDIR", "/tmp")
     if not re.fullmatch("[A-Za-z0-9/._+-]+", directory):
         directory = "/tmp"
-    with file_errors("TMPDIR"):
-        work = tempfile.TemporaryDirectory(prefix="bundle-", dir=directory)
-    with work:
-        yield pathlib.Path(work.name).resolve()
+    other = "set TMPDIR to another directory"
+    with full_disk("TMPDIR", directory, TMPDIR_MEGABYTES, other):
+        with file_errors("TMPDIR", other):
+            work = tempfile.TemporaryDirectory(prefix="bundle-", dir=directory)
+        with work:
+            yield pathlib.Path(work.name).resolve()
 
 
 def make_bundle(given, plan, epoch):
@@ -82,11 +88,14 @@ def make_bundle(given, plan, epoch):
     added = {name for names in given.add_modules for name in names.split(",")}
     check_modules(added, jdk)
     check_java_options(given.java_options, jdk)
+    if given.include_locales:
+        check_locales(given.include_locales, jdk)
     executable = given.executable or build_launcher(jdk)
     target = target_of(executable, None if given.no_runtime else jdk)
     operator_tool = operator_tool_beside(executable)
 
     # Lay out the bundle, add the runtime, and put it in its place.
+    outside = ()
     with work_directory() as work:
         app = work / packing.NAME
         if not jars:
@@ -98,11 +107,13 @@ def make_bundle(given, plan, epoch):
         )
         normalize(app, epoch)
         if not given.no_runtime:
-            trial = None
-            if target.runs_here and not given.no_archive:
+            wanted = Wanted(added, tuple(given.java_options), given.include_locales)
+            if given.no_archive or not target.runs_here:
+                trial = None
+            else:
                 trial = Trial(contents, work, plan)
-            add_runtime(contents, work, jdk, added, given.java_options, target, trial)
-            if not target.runs_here and not given.no_archive:
+            outside = add_runtime(contents, work, jdk, wanted, target.runs_here, trial)
+            if not given.no_archive and not target.runs_here:
                 log.info(
                     "The runtime is for %s: call --train there, before signing, for the CDS archive",
                     target.platform,
@@ -111,6 +122,7 @@ def make_bundle(given, plan, epoch):
         packing.put_in_place(app, given.dest)
     if given.tarball:
         packing.pack(given.dest, version, target.platform)
+    log_outside(outside)
 
 
 def vendors_files(given):
@@ -137,33 +149,33 @@ def vendors_files(given):
     )
 
 
-def add_runtime(contents, work, jdk, added, java_options, target, trial):
-    """Adds the runtime with the modules that are found and, if there is a trial, with its archive."""
-    jre = work / "jre"
+def add_runtime(contents, work, jdk, wanted, runs_here, trial):
+    """Adds the runtime with the modules that are found and, if there is a trial, with its archive. The
+    files outside the bundle that classes came from."""
+    jre, trained = work / "jre", None
     found = {
         "always": modules.ALWAYS & jdk.modules,
-        "--add-modules": added,
+        "--add-modules": wanted.modules,
         "jdeps": modules.modules_by_jdeps(contents / "Resources/lib", jdk, work / "classes"),
     }
-    starts_in = contents / "MacOS" if target.runs_here else None
-
-    def link():
-        names = modules.expand(set().union(*found.values()), jdk)
-        link_runtime(jre, names, jdk, java_options, starts_in)
-
-    if java_options or not trial:  # wrong VM options are found before the service is run
-        link()
     if trial:
-        trained = train(trial, jdk.home, jdk.modules, java_options)
+        trained = train(trial, jdk.home, jdk.modules, wanted.java_options)
         found["training"] = trained.modules
-        if not jre.exists() or not trained.modules <= modules_of(jre):
-            link()
     modules.log_modules(found)
+    names = modules.expand(set().union(*found.values()), jdk)
+    link_runtime(jre, names, jdk, wanted, starts_in=contents / "MacOS" if runs_here else None)
     log.info("Modules of the runtime, with those that these require: %d", len(modules_of(jre)))
-    if trial:
+    if trained:
         kind, _ = make_archive(trial, jre, jdk.feature, trained.class_list)
         check_archive(trial, kind, trained.classes)
     jre.rename(contents / "Resources/jre")
+    return trained.outside if trained else ()
+
+
+def log_outside(files):
+    """The last lines: an agent or a loader of the service's own found these, and will miss them."""
+    for file in files:
+        log.warning("Not in the bundle, though classes come from there: %s", file)
 
 
 def train_bundle(app, plan, force):
@@ -184,18 +196,17 @@ def train_bundle(app, plan, force):
     if not os.access(server, os.W_OK):
         raise UserError(f"--train: '{server}' is not writable", "call this as its owner")
     with work_directory() as work:
-        copy = shutil.copytree(contents, work / "Contents", symlinks=True)
+        copy = work / "Contents"
+        with file_errors("--train"):
+            copy_tree(contents, copy)
         jre = (copy / "Resources/jre").rename(work / "jre")
         trial = Trial(copy, work, plan)
-        trained = train(trial, jre, modules_of(jre), [])
+        trained = train(trial, jre, modules_of(jre), ())
         kind, archive = make_archive(trial, jre, feature_version(jre), trained.class_list)
         check_archive(trial, kind, trained.classes)
         archive.chmod(0o644)
-        with file_errors("--train"), tempfile.TemporaryDirectory(
-            prefix=".archive-", dir=server
-        ) as staging:
-            os.rename(shutil.copy2(archive, staging), server / archive.name)
-
-
-if __name__ == "__main__":
-    sys.exit(main(sys.argv[1:]))
+        other = "make the bundle elsewhere"
+        with full_disk("--train", server, ARCHIVE_MEGABYTES, other), file_errors("--train"):
+            with tempfile.TemporaryDirectory(prefix=".archive-", dir=server) as staging:
+                os.rename(shutil.copy2(archive, staging), server / archive.name)
+    log_outside(trained.outside)

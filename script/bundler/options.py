@@ -120,6 +120,11 @@ def make_parser():
             **repeated,
         ),
         add(
+            "--include-locales",
+            metavar="LIST",
+            help="languages whose data the runtime has, such as de,pt-BR,*-CH; all by default",
+        ),
+        add(
             "--java-options",
             metavar="OPTION...",
             help="a VM option stored in the runtime; JDK 17 or later",
@@ -140,7 +145,7 @@ def make_parser():
         add(
             "--training-command",
             metavar="COMMAND",
-            help="a client for the shell, started with the service, which ends after it",
+            help="a client for the shell, started when main is about to run; the run ends with it",
         ),
         add(
             "--training-seconds",

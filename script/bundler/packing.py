@@ -5,12 +5,11 @@ import gzip
 import logging
 import os
 import pathlib
-import shutil
 import tarfile
 import tempfile
 
 from .commands import step
-from .errors import UserError, file_errors
+from .errors import UserError, copy_tree, file_errors, full_disk
 from .layout import is_signed
 from .processes import signals_deferred
 
@@ -19,6 +18,7 @@ log = logging.getLogger(__name__)
 NAME = "Orvane.app"
 OTHER = "name another directory"
 LEVEL = 6  # gzip's own default; 9, Python's, takes almost three times as long for 1 % of the size
+MEGABYTES = 200  # of a bundle with all modules that a service usually has, and of its tarball
 
 
 def check_destination(dest, force):
@@ -40,11 +40,18 @@ def staging_directory(dest):
         yield pathlib.Path(staging)
 
 
+@contextlib.contextmanager
+def destination_errors(dest):
+    with file_errors("--dest", OTHER), full_disk("--dest", dest, MEGABYTES, OTHER):
+        yield
+
+
 def put_in_place(app, dest):
     """Copies the bundle to its destination, in place of a former one."""
     target = dest / NAME
-    with file_errors("--dest", OTHER), staging_directory(dest) as staging:
-        copy = shutil.copytree(app, staging / NAME, symlinks=True)
+    with destination_errors(dest), staging_directory(dest) as staging:
+        copy = staging / NAME
+        copy_tree(app, copy)
         with signals_deferred():  # there is always one of the two
             if os.path.lexists(target):
                 target.rename(staging / "former")
@@ -56,7 +63,7 @@ def pack(dest, version, platform):
     """A tarball that does not tell who made it, nor when: its times are the files' own, as the archive
     requires. Its bytes depend on nothing else."""
     target = dest / f"Orvane-{version}-{platform}.tar.gz"
-    with step(f"Packing {target}"), file_errors("--dest", OTHER):
+    with step(f"Packing {target}"), destination_errors(dest):
         with staging_directory(dest) as staging:
             write_tarball(staging / "tarball", dest / NAME)
             (staging / "tarball").rename(target)

@@ -8,8 +8,9 @@ import subprocess
 import pytest
 from support import BUILD_DIR
 from support.macos import needs
+from support.root import SCRATCH
 
-TOOL = "/tmp/orvane/operator-tool"  # where other users can execute it
+TOOL = SCRATCH + "/operator-tool"  # where other users can execute it
 USER = pwd.getpwnam("nobody")  # any ordinary account
 ANOTHER = pwd.getpwnam("daemon")
 SHOW = ["sh", "-c", 'id -ru; id -u; id -rg; id -g; id -G; echo "$HOME"; pwd']

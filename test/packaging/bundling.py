@@ -9,7 +9,8 @@ import subprocess
 import typing
 import zipfile
 
-from support import BUILD_DIR, ROOT
+from bundler.platforms import platforms_of
+from support import BUILD_DIR, LINUX, ROOT
 
 JDK = pathlib.Path(os.environ["JAVA_HOME"])
 JAVA = int(re.search(r'^JAVA_VERSION="(\d+)', (JDK / "release").read_text(), re.M)[1])
@@ -52,9 +53,10 @@ def bundle(*arguments, cwd, **settings):
 
 
 def this_platform():
-    system, machine = os.uname().sysname, os.uname().machine
-    system = {"Darwin": "macos", "Linux": "linux"}[system]
-    return f"{system}-{ {'x86_64': 'amd64', 'arm64': 'aarch64'}.get(machine, machine)}"
+    """The JDK's, as it is in the name of a tarball."""
+    library = "libjvm.so" if LINUX else "libjvm.dylib"
+    (platform,), _ = platforms_of("JAVA_HOME", JDK / "lib/server" / library)
+    return platform
 
 
 def write_script(path, text):
@@ -80,6 +82,11 @@ def wrapped_jdk(directory, program, line):
             (jdk / path.relative_to(JDK)).symlink_to(path)
     write_script(jdk / "bin" / program, f'#!/bin/sh\n{line}\nexec "{JDK}/bin/{program}" "$@"\n')
     return jdk
+
+
+def elf(machine):
+    """A program for Linux."""
+    return b"\x7fELF\2\1\1" + bytes(9) + struct.pack("<2H", 3, machine) + bytes(44)
 
 
 def mach_o(*processors, macos=(11, 0)):

@@ -46,6 +46,7 @@ def vendor(tmp_path_factory, classes):
     """A vendor's directory, whose name has a space, with whatever a class path can hold:
 
     client                        a client of the service for the training
+    plugin.jar                    has a class that the service loads by itself
     mine/service.jar              is signed, and names jars that nobody has
     mine/broken.jar               has a class that jdeps cannot analyse
     mine/lib/below/one.jar        lies in a directory
@@ -76,6 +77,7 @@ def vendor(tmp_path_factory, classes):
     shared = jar("lib/xml-apis.jar", "javax/xml/transform/Shared.class")
     shared.write_bytes(shared.read_bytes().replace(b"Shared.class", b"Sh\xffred.class"))
     (mine / "lib/README").write_text("not a jar")
+    jar("../plugin.jar", "agent/Agent.class")
     write_script(directory / "client", CLIENT)
     return directory
 
@@ -108,8 +110,10 @@ def trained(vendor):
         *("--dest", "a dist"),
         "--tarball",
         *("--training-argument", "serve"),
+        *("--training-argument", vendor / "plugin.jar"),
         *("--training-command", "./client"),
         *("--training-seconds", "600"),
+        *("--include-locales", "de"),
         "--java-options=--add-opens=java.base/java.lang=ALL-UNNAMED",
         *("--java-options", "'-Dtwo=two words'"),
         *("--java-options", "-XX:ErrorFile=/Library/Logs/OrvaneService-%p.log"),

@@ -13,12 +13,13 @@ from bundling import (
     MAIN,
     X86_64,
     bundle,
+    elf,
     mach_o,
     script,
     this_platform,
     write_jar,
 )
-from support import LINUX, ROOT, impossible
+from support import LINUX, ROOT
 
 
 @pytest.fixture(scope="session")
@@ -162,14 +163,15 @@ def test_wrong_input_is_one_line_before_anything_is_written(wrong, arguments, li
     assert sorted(wrong.rglob("*")) == before
 
 
-def test_a_JDK_for_another_platform_than_the_executable_is_rejected(wrong):
-    if not LINUX:
-        impossible("a Mac's own JDK is for macOS")
-    assert script("--executable", "universal", cwd=wrong) == (
+def test_a_JDK_for_another_platform_than_the_executable_is_rejected(tmp_path):
+    for name in "launcher", "operator-tool":
+        (tmp_path / name).write_bytes(mach_o(X86_64, ARM64) if LINUX else elf(183))
+    platforms = "macos-amd64 and macos-aarch64" if LINUX else "linux-aarch64"
+    assert script("--executable", "launcher", cwd=tmp_path) == (
         1,
         [
-            f"bundle: --jdk: '{JDK}' is for {this_platform()}, the executable for macos-amd64 and "
-            "macos-aarch64; name the jmods directory of a JDK for that in --jmods"
+            f"bundle: --jdk: '{JDK}' is for {this_platform()}, the executable for {platforms}; "
+            "name the jmods directory of a JDK for that in --jmods"
         ],
     )
 

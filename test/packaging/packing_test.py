@@ -4,7 +4,8 @@ import os
 import tarfile
 
 from bundling import EPOCH, EXECUTABLE, MAIN, bundle, call, this_platform, write_jar
-from support import CONTENTS, LINUX, ROOT, VERSION, impossible
+from support import CONTENTS, ROOT, VERSION
+from support.macos import needs
 
 
 def test_a_bundle_is_made_of_what_is_there_now_in_place_of_the_former(tmp_path, classes):
@@ -39,8 +40,7 @@ def test_a_signed_bundle_is_replaced_with_force_alone(tmp_path, vendor):
 
 
 def test_a_signal_while_the_former_bundle_is_replaced_leaves_the_new_one(tmp_path, vendor):
-    if not LINUX:
-        impossible("there is no strace")
+    needs("strace")
     (tmp_path / "dist/Orvane.app/former").mkdir(parents=True)
     run = call(
         *("strace", "-qqq", "-o", "trace"),

@@ -1,19 +1,14 @@
 """What an executable and a library were made for."""
 
-import struct
 import zipfile
 
 import pytest
 from bundler.errors import UserError
 from bundler.platforms import platforms_of
-from bundling import ARM64, X86_64, mach_o
+from bundling import ARM64, X86_64, elf, mach_o
 
 JAVA_CLASS = bytes.fromhex("cafebabe00000034") + b"\3" * 32
 POWERPC = 18
-
-
-def elf(machine):
-    return b"\x7fELF\2\1\1" + bytes(9) + struct.pack("<2H", 3, machine) + bytes(44)
 
 
 @pytest.mark.parametrize(

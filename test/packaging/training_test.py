@@ -28,16 +28,17 @@ def test_a_bundle_is_made_of_whatever_a_class_path_can_hold(vendor, trained):
         0,
         [
             "Looking up the modules that the jars refer to: N s",
-            "Linking the runtime: N s",
             *LEFT,
             "Running the service once: N s",
             "Linking the runtime: N s",
+            "Locale data: en,de",
             "Archiving the classes that it loaded: N s",
             *LEFT,
             "Running it from the bundle: N s",
-            f"Classes of the service in this run, from the archive ({KIND}): 5 of 5",
+            f"Classes of the service in this run, from the archive ({KIND}): 5 of 6",
             "Made a dist/Orvane.app",
             f"Packing a dist/Orvane-2.1.0-{this_platform()}.tar.gz: N s",
+            f"Not in the bundle, though classes come from there: {vendor}/plugin.jar",
         ],
     ), trained.result
     # Only the class for Java 11 refers to SQL, only the run shows the German names of the days.
@@ -90,25 +91,39 @@ def test_training_that_fails_prints_why_and_leaves_the_former_bundle(
     assert sorted(tmp_path.rglob("*")) == [former.parents[1], former.parent, former]
 
 
-def test_a_class_from_outside_the_bundle_is_named(tmp_path, classes):
-    outside = write_jar(
-        tmp_path / "outside.jar", {"below/Below.class": classes["below/Below.class"]}
+def test_a_class_path_that_leads_out_of_the_bundle_is_a_failure(tmp_path, vendor, classes):
+    below = vendor / "mine/lib/below/one.jar"
+    names = "com/", "upper/", "vendor/", "versioned/"
+    inside = {name: data for name, data in classes.items() if name.startswith(names)}
+    write_jar(tmp_path / "service.jar", inside, f"Class-Path: {below.as_uri()}\r\n")
+    assert bundle("--main-jar", "service.jar", cwd=tmp_path) == (
+        1,
+        [
+            "Looking up the modules that the jars refer to: N s",
+            "Running the service once: N s",
+            f"bundle: --input: classes come from '{below}', which is not in the bundle; the Class-Path of "
+            "service.jar names it; name it in --input as well",
+        ],
     )
-    agent = write_jar(
+
+
+def test_with_an_agent_the_archive_is_of_a_kind_that_allows_it_or_the_VM_says_why_not(
+    tmp_path, classes
+):
+    write_jar(
         tmp_path / "agent.jar",
         {"agent/Agent.class": classes["agent/Agent.class"]},
         "Premain-Class: agent.Agent\r\n",
     )
-    names = "com/", "upper/", "vendor/", "versioned/"
+    names = "com/", "below/", "upper/", "vendor/", "versioned/"
     inside = {name: data for name, data in classes.items() if name.startswith(names)}
-    service = write_jar(tmp_path / "service.jar", inside, f"Class-Path: {outside.as_uri()}\r\n")
+    write_jar(tmp_path / "service.jar", inside)
     run = bundle(
-        *("--main-jar", service),
-        *("--input", agent),
+        *("--main-jar", "service.jar"),
+        *("--input", "agent.jar"),
         *("--java-options", "-javaagent:../Resources/lib/agent.jar"),
         cwd=tmp_path,
     )
-    assert f"Not in the bundle, though classes come from there: {outside}" in run.lines
     if JAVA < 25:  # the VM's own words, and what to do
         assert "AllowArchivingWithJavaAgent" in run.lines[-3] + run.lines[-2], run
         line = (
@@ -117,7 +132,7 @@ def test_a_class_from_outside_the_bundle_is_named(tmp_path, classes):
         assert run.lines[-1] == line
     else:
         assert run.lines[-2:] == [
-            "Classes of the service in this run, from the archive (cache): 5 of 6",
+            "Classes of the service in this run, from the archive (cache): 6 of 6",
             "Made dist/Orvane.app",
         ]
 

@@ -19,7 +19,8 @@ def checkout(tmp_path):
         shutil.copytree(ROOT / name, tmp_path / "a b" / name)
     (tmp_path / "a b/test/console").mkdir(parents=True)
     shutil.copy(ROOT / "test/summary.py", tmp_path / "a b/test")
-    command(tmp_path / "a b/build/venv/bin/pytest", "exit 0\n")  # on a Mac script/test looks for it
+    # On a Mac script/test looks for pytest there.
+    command(tmp_path / "a b/build/venv/bin/python3", "exit 0\n")
     return tmp_path / "a b"
 
 
@@ -134,3 +135,28 @@ def test_a_test_is_skipped_on_macOS_only_if_it_is_listed_and_needs_what_macOS_la
             macos.needs("strace")
         with pytest.raises(pytest.fail.Exception, match="no need of strace: remove "):
             macos.check(request.node.nodeid)
+
+
+@pytest.mark.parametrize("place, option", [("{}", []), ("/another/place", ["--fresh"])])
+def test_a_checkout_that_was_copied_with_its_build_is_configured_afresh(checkout, place, option):
+    build = checkout / "build/release"
+    build.mkdir(parents=True)
+    line = f"CMAKE_CACHEFILE_DIR:INTERNAL={place.format(build)}\n"
+    (build / "CMakeCache.txt").write_text(line)
+    command(checkout.parent / "bin/cmake", 'echo "$*" >>"$CALLS"\nexit 1\n')
+    calls = checkout / "calls"
+    run(checkout, checkout / "script/test", CALLS=str(calls))
+    assert calls.read_text().splitlines() == [" ".join(["--preset release", *option])]
+
+
+@pytest.mark.parametrize("name", ["bench", "check", "cross-macos", "run", "test"])
+def test_a_script_explains_itself_and_does_nothing_else(checkout, name):
+    script = checkout / "script" / name
+    head = script.read_text().partition("\n")[2].partition("\n.")[0]
+    result = run(checkout, script, "--help", PATH="/usr/bin:/bin")
+    assert (result.returncode, result.stdout, result.stderr) == (
+        0,
+        "".join(line[2:] + "\n" for line in head.splitlines()),
+        "",
+    )
+    assert f"script/{name}" in result.stdout

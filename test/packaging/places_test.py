@@ -1,0 +1,89 @@
+"""A disk that is full, a checkout that cannot be written or was moved, a program that is missing."""
+
+import errno
+import os
+import shutil
+
+import pytest
+from bundler import launcher, packing
+from bundler.errors import UserError
+from bundling import MAIN, bundle, call, wrapped_jdk, write_jar, write_script
+from support import ROOT
+
+
+@pytest.fixture
+def checkout(tmp_path):
+    """A copy of what the launcher's build needs, and a cmake that prints how it is called to a file."""
+    copy = tmp_path / "a copy"
+    shutil.copytree(ROOT / "script", copy / "script")
+    shutil.copy(ROOT / "CMakeLists.txt", copy)
+    (tmp_path / "bin").mkdir()
+    write_script(tmp_path / "bin/cmake", f'#!/bin/sh\necho "$@" >>"{tmp_path}/calls"\n')
+    return copy
+
+
+def test_a_full_TMPDIR_is_named_and_not_the_tool_that_met_it(tmp_path, classes):
+    write_jar(tmp_path / "service.jar", {MAIN: classes[MAIN]})
+    wrapped_jdk(
+        tmp_path, "jlink", "echo 'Error: java.io.IOException: No space left on device'; exit 1"
+    )
+    (tmp_path / "work").mkdir()
+    arguments = "--main-jar", "service.jar", "--jdk", "jdk", "--no-archive"
+    run = bundle(*arguments, cwd=tmp_path, TMPDIR=str(tmp_path / "work"))
+    assert (run.status, run.lines[-1]) == (
+        1,
+        f"bundle: TMPDIR: no space is left in '{tmp_path}/work'; free 250 MB there, or set TMPDIR to "
+        "another directory",
+    )
+
+
+def test_a_full_destination_is_named_with_what_it_takes(tmp_path, monkeypatch):
+    def copy_tree(source, target):
+        raise OSError(errno.ENOSPC, os.strerror(errno.ENOSPC), source, None, target)
+
+    monkeypatch.setattr(packing, "copy_tree", copy_tree)
+    with pytest.raises(UserError) as raised:
+        packing.put_in_place(tmp_path / "app", tmp_path / "dist")
+    assert str(raised.value) == (
+        f"--dest: no space is left in '{tmp_path}/dist'; free 200 MB there, or name another directory"
+    )
+    assert list((tmp_path / "dist").iterdir()) == []
+
+
+def test_a_build_directory_that_cannot_be_written_is_named(tmp_path, monkeypatch):
+    monkeypatch.setattr(os, "access", lambda path, mode: path != tmp_path / "build")
+    (tmp_path / "build").mkdir()
+    with pytest.raises(UserError) as raised:
+        launcher.check_writable(tmp_path / "build/release")
+    assert str(raised.value) == (
+        f"--executable: the launcher cannot be built, as '{tmp_path}/build' is not writable; make it "
+        "writable, name a launcher that is built, or call from another checkout"
+    )
+
+
+@pytest.mark.parametrize("place, fresh", [("{}", ""), ("/another/place", " --fresh")])
+def test_a_checkout_that_was_copied_with_its_build_is_configured_afresh(
+    checkout, tmp_path, place, fresh
+):
+    build = checkout / "build/release"
+    build.mkdir(parents=True)
+    line = f"CMAKE_CACHEFILE_DIR:INTERNAL={place.format(build)}\n"
+    (build / "CMakeCache.txt").write_text(line)
+    call(
+        checkout / "script/bundle",  # fails later, without the executable
+        cwd=tmp_path,
+        PATH=f"{tmp_path}/bin:{os.environ['PATH']}",
+    )
+    assert (tmp_path / "calls").read_text().splitlines() == [
+        f"--preset release{fresh}",
+        "--build --preset release --target OrvaneService operator-tool",
+    ]
+
+
+def test_a_cmake_that_is_missing_is_named(checkout, tmp_path):
+    programs = tmp_path / "programs"
+    programs.mkdir()
+    (programs / "env").symlink_to(shutil.which("env"))
+    (programs / "python3").symlink_to(shutil.which("python3"))
+    run = call(checkout / "script/bundle", cwd=tmp_path, PATH=str(programs))
+    assert run == (1, ["bundle: there is no cmake; install it, and call again"])
