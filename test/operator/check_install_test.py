@@ -505,7 +505,7 @@ def test_the_versions_are_the_product_s_the_launcher_s_and_the_runtime_s(install
 
 @pytest.mark.parametrize("machine", ["system", "user"], indirect=True)
 def test_a_copy_of_the_directory_checks_as_well(installed):
-    copy = installed.root.path("/tmp/orvane/monitor")
+    copy = MAC / "monitor"
     shutil.copytree(command(installed)[0].rpartition("/")[0], copy)
     shutil.rmtree(MAC / "new")
     correct = 0, VERSIONS + "State: runs, process PID.\nNo deviation found.\n", ""
