@@ -15,7 +15,12 @@ namespace operator_tool {
 
 namespace {
 
-constexpr unsigned GRACE = 1;  // seconds between SIGTERM and SIGKILL
+// Seconds between SIGTERM and SIGKILL. A limit inside another is ended by the other's SIGTERM, and
+// has to be done with its own group before the other's SIGKILL.
+constexpr unsigned GRACE_AT_LIMIT = 2;
+constexpr unsigned GRACE_AT_SIGNAL = 1;
+constexpr unsigned LOOKS_PER_SECOND = 50;
+constexpr unsigned MICROSECONDS = 1'000'000;
 constexpr int SIGNALLED = 128;
 constexpr std::array<int, 4> ENDING = {SIGHUP, SIGINT, SIGQUIT, SIGTERM};
 
@@ -77,7 +82,6 @@ void setDefaultSignals() {
 /// Waits for the child's end, for a number of seconds or until one of ENDING arrives. The seconds
 /// are an alarm's, which does not count the time that a Mac sleeps.
 std::optional<int> wait(pid_t child, unsigned seconds, const sigset_t& waiting) {
-    arrived = 0;
     alarm(seconds);
     for (;;) {
         int status = 0;
@@ -96,12 +100,34 @@ std::optional<int> wait(pid_t child, unsigned seconds, const sigset_t& waiting) 
     }
 }
 
-/// Kills the child and its group. The child is not waited for before that: until then its number,
-/// which is the group's, cannot become another's. What the kernel does not let go is left alone.
-void killGroup(pid_t child, const sigset_t& waiting) {
+/// Waits until the child, if it has not been waited for, and its group have ended. Returns whether
+/// they have. The child's number stays the group's until the last of the group has ended.
+bool haveEnded(pid_t child, bool& isWaitedFor, unsigned seconds) {
+    for (unsigned looks = seconds * LOOKS_PER_SECOND; looks != 0; --looks) {
+        isWaitedFor = isWaitedFor || waitpid(child, nullptr, WNOHANG) == child;
+        if (isWaitedFor && kill(-child, 0) != 0) {
+            return true;
+        }
+        usleep(MICROSECONDS / LOOKS_PER_SECOND);
+    }
+    return false;
+}
+
+void endGroup(pid_t child, unsigned grace) {
+    bool isWaitedFor = false;
+    kill(-child, SIGTERM);
+    if (haveEnded(child, isWaitedFor, grace)) {
+        return;
+    }
     kill(-child, SIGKILL);
-    kill(child, SIGKILL);  // it may have gone to another group
-    wait(child, GRACE, waiting);
+    if (!isWaitedFor) {
+        kill(child, SIGKILL);  // it may have gone to another group
+    }
+    // What the kernel does not let go is left alone.
+    for (unsigned looks = LOOKS_PER_SECOND; looks != 0 && !isWaitedFor; --looks) {
+        usleep(MICROSECONDS / LOOKS_PER_SECOND);
+        isWaitedFor = waitpid(child, nullptr, WNOHANG) == child;
+    }
 }
 
 [[noreturn]] void endBy(int signal) {
@@ -127,7 +153,8 @@ int runWithLimit(unsigned seconds, Command command) {
     if (child == 0) {
         setpgid(0, 0);
         setDefaultSignals();
-        alarm(seconds + (2 * GRACE));  // exec keeps it: the limit holds if this process is killed
+        // exec keeps an alarm: the limit holds even if this process is killed.
+        alarm(seconds + GRACE_AT_LIMIT + 1);
         execute(command);
     }
     setpgid(child, child);  // whichever of the two is first
@@ -135,15 +162,11 @@ int runWithLimit(unsigned seconds, Command command) {
     if (status) {
         return *status;
     }
-    const int reason = arrived;
-    if (reason == SIGALRM) {
-        kill(-child, SIGTERM);
-        sleep(GRACE);
+    if (arrived != SIGALRM) {
+        endGroup(child, GRACE_AT_SIGNAL);
+        endBy(arrived);
     }
-    killGroup(child, waiting);
-    if (reason != SIGALRM) {
-        endBy(reason);
-    }
+    endGroup(child, GRACE_AT_LIMIT);
     throw Failure(LIMIT_REACHED, std::string(command[0]) + ": no end within " +
                                      std::to_string(seconds) + " s; it was killed");
 }

@@ -1,15 +1,20 @@
 """The scripts that the Installer runs as root for the installer package, in bundle/package."""
 
 import os
+import pathlib
+import re
 import subprocess
 
 import pytest
+from bundles import put, stand_in
+from stand_ins import LS
 from support import CONTENTS, ROOT, impossible
 from support.macos import needs
 from support.root import SCRATCH
 
 PARENT = "/Library/Application Support"
 STAGE = PARENT + "/Orvane.installing"
+SCRATCH_BIN = pathlib.Path(SCRATCH, "bin")
 INSTALL = f"{STAGE}/{CONTENTS}/Resources/operator/install"
 
 
@@ -21,10 +26,19 @@ def stage(root):
     return root.path(STAGE)
 
 
-def call(script, volume="/"):
-    """(status, output)"""
-    command = f"'{ROOT}/bundle/package/{script}' /Orvane.pkg '{STAGE}' {volume} / 2>&1"
-    return subprocess.getstatusoutput(f"PATH={SCRATCH}:/usr/bin:/bin {command}")
+def call(script, volume="/", listed=""):
+    """(status, output) of a copy that finds a Mac's ls first; listed is the directory with an access control
+    list that allows changes."""
+    put(SCRATCH_BIN / "ls", stand_in(LS.replace("ACL", listed), SCRATCH), 0o755)
+    text = (ROOT / "bundle/package" / script).read_text()
+    text, found = re.subn(
+        r"(?m)^PATH=(?=/usr/bin:/bin:/usr/sbin:/sbin$)", rf"\g<0>{SCRATCH_BIN}:", text
+    )
+    assert found == 1
+    copy = put(SCRATCH_BIN / script, text.encode(), 0o755)
+    command = f"'{copy}' /Orvane.pkg '{STAGE}' {volume} / 2>&1"
+    status, output = subprocess.getstatusoutput(f"PATH={SCRATCH}:/usr/bin:/bin {command}")
+    return status, output.replace(f"{SCRATCH_BIN}:", "")
 
 
 @pytest.mark.parametrize("status", [0, 3])
@@ -76,3 +90,14 @@ def test_nothing_is_put_where_others_may_write(root, stage, directory, change, u
     finally:
         subprocess.run(["sh", "-c", undo + ' "$0"', directory], check=True)
     assert call("preinstall") == (0, "")
+
+
+@pytest.mark.parametrize("directory", ["/", "/Library", PARENT])
+def test_nothing_is_put_where_an_access_list_lets_others_write(root, stage, directory):
+    root.put(INSTALL, b"")
+    assert call("preinstall", listed=directory) == (
+        1,
+        f"preinstall: an access control list allows others to change {directory}; "
+        f"chmod -N '{directory}'",
+    )
+    assert stage.exists()

@@ -66,19 +66,39 @@ time.sleep(100)'; echo $?)",
          R"(tool limit 1 sh -c '"$tool" limit 50 sh -c "trap : TERM; sleep 100 & wait; wait"'; echo $?)",
          end("sh")},
         {"the tool is killed",
-         R"("$tool" limit 1 sleep 100 & sleep 0.3; kill -KILL $!; { wait $!; } 2>/dev/null; echo $?)",
+         R"("$tool" limit 1 sleep 100 & sleep 0.5; kill -KILL $!; { wait $!; } 2>/dev/null; echo $?)",
          "137\n"},
     });
 }
 
 TEST_F(Processes, A_signal_that_ends_the_tool_ends_the_command_first) {
-    for (const std::string signal : {"HUP", "TERM"}) {
-        EXPECT_EQ(
-            sh("\"$tool\" limit 50 sh -c 'trap \"\" HUP TERM; sleep 100 & wait; wait' & sleep 0.3\n"
-               "kill -" +
-               signal + " $!; { wait $!; } 2>/dev/null; kill -l $?"),
-            signal + "\n");
+    // Ends the tool with a signal as soon as its command runs, and prints what has ended it.
+    const auto endBy = [](const std::string& signal, const std::string& begun) {
+        return " & until [ -e " + begun + " ]; do sleep 0.1; done; kill -" + signal +
+               " $!; { wait $!; } 2>/dev/null; kill -l $?";
+    };
+    // A shell has INT and QUIT ignored in what it starts in the background.
+    const std::string reset =
+        "python3 -c 'import os, signal, sys\n"
+        "for number in signal.SIGINT, signal.SIGQUIT: signal.signal(number, signal.SIG_DFL)\n"
+        "os.execv(sys.argv[1], sys.argv[1:])' ";
+    std::vector<Script> scripts;
+    for (const std::string signal : {"HUP", "INT", "QUIT", "TERM"}) {
+        scripts.push_back({signal,
+                           reset + "\"$tool\" limit 50 sh -c 'touch " + signal +
+                               "; exec sleep 100'" + endBy(signal, signal),
+                           signal + "\n"});
     }
+    scripts.push_back({"the command ignores it",
+                       R"("$tool" limit 50 sh -c 'trap "" TERM; touch a; sleep 100 & wait; wait')" +
+                           endBy("TERM", "a"),
+                       "TERM\n"});
+    scripts.push_back({"there is a limit inside",
+                       R"("$tool" limit 50 sh -c '"$tool" limit 50 sh -c "touch b; sleep 100"
+                           echo survives')" +
+                           endBy("TERM", "b"),
+                       "TERM\n"});
+    expectAll(scripts);
 }
 
 TEST_F(Processes, What_the_caller_ignores_can_still_end_the_command_and_not_the_tool) {
