@@ -228,6 +228,7 @@ begin_work() {
     tool=./operator-tool
     remove_scratch
     mkdir -p "$kept/gone" || refuse "cannot write $kept"
+    discard "$kept/new" || refuse "cannot write $kept" # which could not be removed
     trap end_work EXIT
 }
 end_work() {
