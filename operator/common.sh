@@ -267,7 +267,7 @@ inode() { # empty if there is no such file
 exchange() { # ONE OTHER
     local was
     was=$(inode "$2")
-    "$tool" exchange "$1" "$2" || [ "$(inode "$1")" = "$was" ]
+    "$tool" exchange "$1" "$2" || { [ -n "$was" ] && [ "$(inode "$1")" = "$was" ]; }
 }
 move() { # FROM TO
     "$tool" rename "$1" "$2" || { ! exists "$1" && exists "$2"; }

@@ -309,6 +309,19 @@ def test_a_call_that_is_refused_leaves_nothing_behind(machine):
     assert machine.seen() == ("1", "1", None, set())
 
 
+def test_a_listing_that_fails_is_not_taken_for_an_answer(machine):
+    machine.good("1")
+    machine.bundle("2")
+    machine.at("exchange replacing/job job", after="kill -9 $PPID")
+    assert machine.call("2")[0] == KILLED
+    machine.steps()
+    machine.stand_in("ls", "exit 1")
+    assert machine.call("2") == (4, "install: cannot examine APP; call install again\n")
+    (MAC / "bin/ls").unlink()
+    machine.good("2")
+    assert machine.seen() == ("2", "2", "1", set())
+
+
 def test_a_bundle_that_names_no_version_is_called_unknown(machine):
     machine.bundle("1")
     machine.bundle("2", "crashes")
