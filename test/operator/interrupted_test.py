@@ -422,10 +422,13 @@ def test_calls_killed_at_any_moment_leave_a_good_version_to_the_next(machine):
     for version, program in ("1", "stays"), ("2", "stays"), ("3", "crashes"):
         machine.bundle(version, program)
     machine.call("1")
+    start = time.monotonic()
+    machine.call("2")
+    duration = time.monotonic() - start
     for trial in range(TRIALS):
         version, *more = random.choice([*"123", ("1", "--rollback")])
         with machine.start([*machine.script(MAC / f"new/{version}/Orvane.app"), *more]) as call:
-            time.sleep(random.uniform(0, 0.6))
+            time.sleep(random.uniform(0, duration))
             killed = family(call.pid)
             if trial % 3 == 0:
                 killed = killed[:2]  # the script, and its child with the lock
