@@ -161,6 +161,7 @@ class ServiceRun:
             if pid not in sessions:
                 log.warning("Left running by the service or its client, ended: %s", command)
         for process in started:
+            process.kill()
             process.wait()
 
     def check(self, name, remedy):

@@ -52,7 +52,7 @@ def vendor(tmp_path_factory, classes):
     mine/lib/below/one.jar        lies in a directory
     mine/lib/Upper.JAR
     mine/lib/descriptor-1.0+5.jar has a module descriptor, which requires a module that nobody has
-    mine/lib/descriptor.jar       is a link to it
+    mine/lib/alias.jar            is a link to it
     mine/lib/versioned.jar        has another class for Java 11
     mine/lib/xml-apis.jar         shares a package with the JDK; an entry's name is in no known encoding
     mine/lib/README
@@ -70,7 +70,7 @@ def vendor(tmp_path_factory, classes):
     jar("lib/below/one.jar", "below/Below.class")
     jar("lib/Upper.JAR", "upper/Upper.class")
     jar("lib/descriptor-1.0+5.jar", "vendor/Descriptor.class", "module-info.class")
-    (mine / "lib/descriptor.jar").symlink_to("descriptor-1.0+5.jar")
+    (mine / "lib/alias.jar").symlink_to("descriptor-1.0+5.jar")
     versioned = "versioned/Versioned.class"
     newer = "META-INF/versions/11/" + versioned
     jar("lib/versioned.jar", versioned, newer, manifest="Multi-Release: true\r\n")

@@ -22,13 +22,19 @@ NAMES = [
 
 @pytest.fixture(scope="session")
 def product(tmp_path_factory, vendor):
-    """The destination of a bundle of all the vendor's jars, without a runtime."""
+    """The destination of a bundle of all the vendor's jars and of programs, without a runtime."""
     directory = tmp_path_factory.mktemp("product")
     mine = vendor / "mine"
+    programs = directory / "programs"
+    programs.mkdir(0o700)
+    for name, mode in ("backup-tool", 0o700), ("settings", 0o660):
+        (programs / name).write_text("")
+        (programs / name).chmod(mode)
     run = bundle(
         *("--main-jar", mine / "service.jar"),
         *("--input", mine / "lib"),
         *("--input", mine / "broken.jar"),
+        *("--bin", programs),
         *("--app-version", "2.13"),
         *("--copyright", "© A & B <C>"),
         *("--mac-package-identifier", "com.a-b.backup"),
@@ -100,13 +106,18 @@ def test_the_files_of_the_sample_have_modes_that_do_not_depend_on_the_umask(samp
             assert f"\r\nImplementation-Version: {VERSION}\r\n".encode() in jar.read(MANIFEST)
 
 
-def listing(app):
-    """A line for each file and directory but the links: permissions and path."""
+def test_the_vendor_s_files_are_readable_for_everybody(product):
+    programs = product / CONTENTS / "Resources/bin"
+    assert listing(programs) == "755 backup-tool\n644 settings\n"
+    assert stat.S_IMODE(programs.stat().st_mode) == 0o755
+
+
+def listing(directory):
+    """A line for each file and directory below: permissions and path."""
     lines = []
-    for path in sorted(app.rglob("*")):
-        if not path.is_symlink():
-            mode = f"{stat.S_IMODE(path.stat().st_mode):o}"
-            lines.append(f"{mode} {path.relative_to(app)}{'/' * path.is_dir()}\n")
+    for path in sorted(directory.rglob("*")):
+        mode = f"{stat.S_IMODE(path.stat().st_mode):o}"
+        lines.append(f"{mode} {path.relative_to(directory)}{'/' * path.is_dir()}\n")
     return "".join(lines).replace(CONTENTS.partition("/")[2], "SERVICE")
 
 

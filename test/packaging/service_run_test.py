@@ -27,13 +27,15 @@ WAITS = "exec sleep 1000\n"
 def platform(request, monkeypatch):
     """Processes are found as on this system, and as on a Mac, which hides their environments."""
     monkeypatch.setattr(processes.sys, "platform", request.param)
+    if request.param == "darwin":
+        monkeypatch.setattr(processes, "has_variable", lambda pid, variable: False)
 
 
 @pytest.fixture
 def run(tmp_path, monkeypatch, caplog):
     """Runs a service, the body of a shell script, and a client; the lines of the error, if any, and its
     output before it. The lines that were logged are in run.logged."""
-    monkeypatch.setattr(service, "GRACE_SECONDS", 1)
+    monkeypatch.setattr(service, "GRACE_SECONDS", 0.6)
 
     def run(body, client=None, seconds=60):
         macos = tmp_path / "Contents/MacOS"
