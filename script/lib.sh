@@ -81,7 +81,7 @@ need_test_tools() {
         return
     fi
     local python=/usr/lib/python3/dist-packages java=/usr/share/java
-    need bwrap:bubblewrap strace:strace nm:binutils unzip:unzip /usr/include/gtest/gtest.h:libgtest-dev \
+    need bwrap:bubblewrap strace:strace nm:binutils /usr/include/gtest/gtest.h:libgtest-dev \
         $python/pytest:python3-pytest $python/hypothesis:python3-hypothesis \
         $java/h2.jar:libh2-java $java/slf4j-api.jar:libslf4j-java $java/servlet-api.jar:libservlet-api-java
 }
