@@ -16,23 +16,20 @@ from stand_ins import OPERATOR_TOOL  # noqa: E402
 TOOL = (
     BUILD_DIR / "src/operator-tool"
 )  # copied into the directory, where any account can execute it
-# What the service does. "dies" ends when a test says so, later than install looks.
+# What the service does. Its command line tells the version as long as it runs. "dies" ends when a test says
+# so, later than install looks.
 PROGRAMS = {
-    "stays": "signal.pause()",
-    "dies": "while not os.path.exists('DIRECTORY/die'): time.sleep(0.02)\nsys.exit(3)",
-    "ignores": "signal.signal(signal.SIGTERM, signal.SIG_IGN)\nwhile True: signal.pause()",
-    "lingers": "signal.signal(signal.SIGTERM, lambda *_: (time.sleep(0.2), sys.exit(143)))\nsignal.pause()",
-}
-# At once, before install has looked often enough.
-SHORT_PROGRAMS = {
+    "stays": "exec -a version-VERSION sleep 100000",
     "crashes": "printf 'no \\033[31mvalid configuration\\n' >&2; exit 1",
     "exits": "exit 0",
+    "dies": "exec bash -c 'until [ -e DIRECTORY/die ]; do sleep 0.02; done; exit 3' version-VERSION",
+    "ignores": "trap '' TERM; exec -a version-VERSION sleep 100000",
+    "lingers": "exec bash -c 'trap \"sleep 0.2; exit 143\" TERM; while :; do sleep 0.05; done' "
+    "version-VERSION",
 }
-SERVICE = """#!/bin/sh
+SERVICE = """#!/bin/bash
 # @(#)OrvaneService 1.0.0
-SHORT
-exec /usr/bin/python3 -I -S -c "import os, signal, sys, time
-PROGRAM" version-VERSION
+PROGRAM
 """
 
 
@@ -41,9 +38,7 @@ def make_bundle(directory, app, version, program, team, limits, interposed):
     the product's, or a stand-in that runs it."""
     work = directory / "making"
     shutil.rmtree(work, ignore_errors=True)
-    service = SERVICE.replace("SHORT", SHORT_PROGRAMS.get(program, ""))
-    service = service.replace("PROGRAM", PROGRAMS.get(program, ""))
-    service = service.replace("DIRECTORY", str(directory))
+    service = SERVICE.replace("PROGRAM", PROGRAMS[program]).replace("DIRECTORY", str(directory))
     service = service.replace("VERSION", version)
     put(work / "OrvaneService", service.encode(), 0o755)
     put(work / "service.jar", b"")
