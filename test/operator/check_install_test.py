@@ -553,7 +553,7 @@ def test_wrong_calls_say_what_is_right(machine):
     for wrong in ["--now"], ["--json", "x"], ["--team"]:
         assert check(machine, *wrong) == (2, "", USAGE)
     wrong = "check-install: NAME must be an account here, the caller root or that user; ID only A-Z and 0-9\n"
-    for name in "nobody-at-all", "-u", "../root":
+    for name in "nobody-at-all", "-u", "../root", "root":
         assert check(machine, "--user", name) == (2, "", wrong)
     assert check(machine, "--team", 'Z" or "') == (2, "", wrong)
 

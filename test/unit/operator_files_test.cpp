@@ -90,7 +90,8 @@ TEST_F(Files, Only_a_regular_file_is_read_and_nothing_is_waited_for) {
 
 TEST_F(Files, An_output_that_fails_is_reported) {
     put("file", "text");
-    EXPECT_EQ(sh("trap '' PIPE; { sleep 0.1; tool read file first 4; echo $? >status; } | :\n"
+    EXPECT_EQ(sh("trap '' PIPE; { until [ -e closed ]; do sleep 0.1; done\n"
+                 "    tool read file first 4; echo $? >status; } | { exec <&-; touch closed; }\n"
                  "cat status"),
               "operator-tool: standard output: Broken pipe\n125\n");
 }
@@ -98,7 +99,10 @@ TEST_F(Files, An_output_that_fails_is_reported) {
 TEST_F(Files, A_signal_cuts_nothing_that_is_printed) {
     std::array<int, 2> ends{};
     ASSERT_EQ(pipe(ends.data()), 0);
-    const std::string text(3'000'000, 'x');
+    std::string text;
+    for (int number = 0; number < 400'000; ++number) {
+        text += std::to_string(number);
+    }
     std::string read;
     std::thread reader([&read, &ends] {
         sigset_t all;
@@ -163,6 +167,7 @@ TEST_F(Files, A_lock_file_that_is_removed_or_replaced_before_it_is_locked_is_ope
         struct stat locked{};
         ASSERT_EQ(fstat(operator_tool::LOCK_DESCRIPTOR, &locked), 0);
         EXPECT_EQ(locked.st_ino, inode("file")) << change;
+        close(operator_tool::LOCK_DESCRIPTOR);
     }
     beforeLock = [] { unlink("file"); };
     EXPECT_EQ(lock("file", 1), "124: file: locked by another process");
@@ -187,25 +192,36 @@ TEST_F(Files, A_lock_is_held_by_whatever_the_command_has_started) {
     const auto busy = [](const std::string& file) {
         return "operator-tool: " + file + ": locked by another process\n124\n";
     };
+    // Whoever holds the lock says so with a file, and ends when there is another.
+    const auto holder = [](const std::string& file) {
+        return "touch " + file + ".held; until [ -e " + file + ".end ]; do sleep 0.1; done";
+    };
+    const auto isHeld = [](const std::string& file) {
+        return "\nuntil [ -e " + file + ".held ]; do sleep 0.1; done\n";
+    };
+    const auto look = [](const std::string& file) {
+        return "tool lock " + file + " 0 echo free; echo $?\n";
+    };
+    const auto end = [](const std::string& file) {
+        return "touch " + file + ".end; tool lock " + file + " 60 echo free; wait\n";
+    };
     expectAll({
-        {"the command", R"(tool lock a 0 sh -c 'echo holds; sleep 1; echo ends' &
-            sleep 0.5; tool lock a 0 echo never; echo $?
-            tool lock a 10 echo now; wait)",
-         "holds\n" + busy("a") + "ends\nnow\n"},
+        {"the command",
+         "tool lock a 0 sh -c '" + holder("a") + "; echo ends' &" + isHeld("a") + look("a") +
+             end("a"),
+         busy("a") + "ends\nfree\n"},
         {"a command of the command",
-         R"(tool lock b 0 sh -c 'ls >/dev/null; "$tool" lock b 0 echo never; echo $?
-            "$tool" limit 5 "$tool" lock b 0 echo never; echo $?')",
+         R"(tool lock b 0 sh -c 'ls >/dev/null; "$tool" lock b 0 echo free; echo $?
+             "$tool" limit 5 "$tool" lock b 0 echo free; echo $?')",
          busy("b") + busy("b")},
         {"an orphan of a command that was killed",
-         R"("$tool" lock c 0 sh -c 'sleep 1.5 >/dev/null 2>&1 & exec sleep 100' &
-            sleep 0.5; kill -KILL $!; tool lock c 0 echo never; echo $?
-            tool lock c 10 echo now)",
-         busy("c") + "now\n"},
-        // Not at once: the shell closes the descriptor in the process that it has started.
+         "\"$tool\" lock c 0 sh -c '{ " + holder("c") + "; } >/dev/null 2>&1 & exec sleep 100' &" +
+             isHeld("c") + "kill -KILL $!; { wait $!; } 2>/dev/null\n" + look("c") + end("c"),
+         busy("c") + "free\n"},
         {"not by what has closed it",
-         R"(sleep=$(tool lock d 0 sh -c 'sleep 100 9>&- >/dev/null 2>&1 & echo $!')
-            tool lock d 10 echo now; kill "$sleep")",
-         "now\n"},
+         "tool lock d 0 sh -c '{ " + holder("d") + "; } 9>&- >/dev/null 2>&1 &'" + isHeld("d") +
+             look("d") + end("d"),
+         "free\n0\nfree\n"},
     });
 }
 
