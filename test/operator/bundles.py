@@ -17,22 +17,19 @@ TOOL = (
     BUILD_DIR / "src/operator-tool"
 )  # copied into the directory, where any account can execute it
 # What the service does. "dies" ends when a test says so, later than install looks.
+WAIT = "while :; do sleep 1 & wait $!; done"
 PROGRAMS = {
-    "stays": "signal.pause()",
-    "dies": "while not os.path.exists('DIRECTORY/die'): time.sleep(0.02)\nsys.exit(3)",
-    "ignores": "signal.signal(signal.SIGTERM, signal.SIG_IGN)\nwhile True: signal.pause()",
-    "lingers": "signal.signal(signal.SIGTERM, lambda *_: (time.sleep(0.2), sys.exit(143)))\nsignal.pause()",
-}
-# At once, before install has looked often enough.
-SHORT_PROGRAMS = {
-    "crashes": "printf 'no \\033[31mvalid configuration\\n' >&2; exit 1",
+    "stays": WAIT,
+    "crashes": "printf '\\''no \\033[31mvalid configuration\\n'\\'' >&2; exit 1",
+    "dies": "until [ -e DIRECTORY/die ]; do sleep 0.02; done; exit 3",
+    "ignores": f"trap : TERM; {WAIT}",
+    "lingers": f'trap "sleep 0.2; exit 143" TERM; {WAIT}',
     "exits": "exit 0",
 }
+# Its version is seen among its arguments.
 SERVICE = """#!/bin/sh
 # @(#)OrvaneService 1.0.0
-SHORT
-exec /usr/bin/python3 -I -S -c "import os, signal, sys, time
-PROGRAM" version-VERSION
+exec /bin/sh -c 'PROGRAM' version-VERSION
 """
 
 
@@ -41,10 +38,8 @@ def make_bundle(directory, app, version, program, team, limits, interposed):
     the product's, or a stand-in that runs it."""
     work = directory / "making"
     shutil.rmtree(work, ignore_errors=True)
-    service = SERVICE.replace("SHORT", SHORT_PROGRAMS.get(program, ""))
-    service = service.replace("PROGRAM", PROGRAMS.get(program, ""))
+    service = SERVICE.replace("PROGRAM", PROGRAMS[program]).replace("VERSION", version)
     service = service.replace("DIRECTORY", str(directory))
-    service = service.replace("VERSION", version)
     put(work / "OrvaneService", service.encode(), 0o755)
     put(work / "service.jar", b"")
     put(work / "operator-tool", stand_in(OPERATOR_TOOL, directory), 0o755)

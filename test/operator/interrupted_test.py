@@ -242,14 +242,14 @@ def test_a_launchctl_that_fails_once_is_not_taken_for_an_answer(machine):
 
 
 def test_a_service_that_outlives_its_limit_is_started_again_once_it_has_ended(machine):
-    machine.limits["stop_limit"] = 20
+    machine.limits["stop_limit"] = 5
     machine.good("1")
     machine.install("1", "ignores")
     job = machine.loaded()
-    job.keys["ExitTimeOut"] = 200 * 2  # which launchd waits before it kills the process
+    job.keys["ExitTimeOut"] = 200 * 5  # which launchd waits before it kills the process
     machine.bundle("2")
     status, text = machine.call("2")
-    late = f"{machine.label}, process PID, has not ended within 20 s"
+    late = f"{machine.label}, process PID, has not ended within 5 s"
     assert (status, text.splitlines()[1:]) == (
         4,
         [
