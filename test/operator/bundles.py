@@ -13,23 +13,22 @@ from bundler.layout import Product, make_layout  # noqa: E402
 
 from stand_ins import OPERATOR_TOOL  # noqa: E402
 
-TOOL = (
-    BUILD_DIR / "src/operator-tool"
-)  # copied into the directory, where any account can execute it
-# What the service does. "dies" ends when a test says so, later than install looks.
-WAIT = "while :; do sleep 1 & wait $!; done"
+# It is copied into the tests' directory, where any account can execute it.
+TOOL = BUILD_DIR / "src/operator-tool"
+# What the service does. Its command line tells the version as long as it runs. "dies" ends when a test says
+# so, later than install looks.
 PROGRAMS = {
-    "stays": WAIT,
-    "crashes": "printf '\\''no \\033[31mvalid configuration\\n'\\'' >&2; exit 1",
-    "dies": "until [ -e DIRECTORY/die ]; do sleep 0.02; done; exit 3",
-    "ignores": f"trap : TERM; {WAIT}",
-    "lingers": f'trap "sleep 0.2; exit 143" TERM; {WAIT}',
+    "stays": "exec -a version-VERSION sleep 100000",
+    "crashes": "printf 'no \\033[31mvalid configuration\\n' >&2; exit 1",
     "exits": "exit 0",
+    "dies": "exec bash -c 'until [ -e DIRECTORY/die ]; do sleep 0.02; done; exit 3' version-VERSION",
+    "ignores": "trap '' TERM; exec -a version-VERSION sleep 100000",
+    "lingers": "exec bash -c 'trap \"sleep 0.2; exit 143\" TERM; while :; do sleep 0.05; done' "
+    "version-VERSION",
 }
-# Its version is seen among its arguments.
-SERVICE = """#!/bin/sh
+SERVICE = """#!/bin/bash
 # @(#)OrvaneService 1.0.0
-exec /bin/sh -c 'PROGRAM' version-VERSION
+PROGRAM
 """
 
 
@@ -38,8 +37,8 @@ def make_bundle(directory, app, version, program, team, limits, interposed):
     the product's, or a stand-in that runs it."""
     work = directory / "making"
     shutil.rmtree(work, ignore_errors=True)
-    service = SERVICE.replace("PROGRAM", PROGRAMS[program]).replace("VERSION", version)
-    service = service.replace("DIRECTORY", str(directory))
+    service = SERVICE.replace("PROGRAM", PROGRAMS[program]).replace("DIRECTORY", str(directory))
+    service = service.replace("VERSION", version)
     put(work / "OrvaneService", service.encode(), 0o755)
     put(work / "service.jar", b"")
     put(work / "operator-tool", stand_in(OPERATOR_TOOL, directory), 0o755)

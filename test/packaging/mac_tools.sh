@@ -9,14 +9,15 @@
 #   ANSWER      what the notary service says
 set -eu
 
-record() { # PROGRAM ARGUMENT...: quotes them as script/release-macos does
+record() { # PROGRAM ARGUMENT...: into $line, quoted as script/release-macos does
+    line=
     for word; do
         case $word in
-        *[!A-Za-z0-9_@%+=:,./-]*) printf "'%s' " "$word" ;;
-        *) printf '%s ' "$word" ;;
+        *[!A-Za-z0-9_@%+=:,./-]*) word="'$word'" ;;
         esac
-    done | sed 's/ $//'
-    echo
+        line="${line:+$line }$word"
+    done
+    printf '%s\n' "$line" >>"$CALLS"
 }
 
 value_of() { # OPTION ARGUMENT...: the argument after the option, if it is there
@@ -62,8 +63,7 @@ check_signature_of() { # FILE ARGUMENT...
 }
 
 program=${0##*/}
-line=$(record "$program" "$@")
-printf '%s\n' "$line" >>"$CALLS"
+record "$program" "$@"
 
 case $line in "${HANG-none}"*)
     exec /bin/sleep 60 >/dev/null 2>&1 # without the release's output, which would stay open

@@ -17,9 +17,6 @@ public class QRService {
         case "throw-from-archive":
             throwUnlessItIsToBeArchived();
             break;
-        case "sleep":
-            Thread.sleep(600_000);
-            break;
         }
         System.out.println(
             below.Below.TEXT + upper.Upper.TEXT + vendor.Descriptor.TEXT + versioned.Versioned.TEXT);
