@@ -13,9 +13,8 @@ from bundler.layout import Product, make_layout  # noqa: E402
 
 from stand_ins import OPERATOR_TOOL  # noqa: E402
 
-TOOL = (
-    BUILD_DIR / "src/operator-tool"
-)  # copied into the directory, where any account can execute it
+# It is copied into the tests' directory, where any account can execute it.
+TOOL = BUILD_DIR / "src/operator-tool"
 # What the service does. Its command line tells the version as long as it runs. "dies" ends when a test says
 # so, later than install looks.
 PROGRAMS = {
