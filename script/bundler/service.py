@@ -24,7 +24,8 @@ SIGTERM_STATUS = (
     -signal.SIGTERM,
 )  # of a VM that runs its shutdown hooks, and of one that cannot yet
 STOP_SECONDS = 60  # after SIGTERM, as an installed service has
-GRACE_SECONDS = 5  # for the client after the service, and the other way round
+CLIENT_SECONDS = 5  # for the client to end after the service
+CAUSE_SECONDS = 2  # for a service whose client has failed to end, too
 LINES = 12  # of the service's output in a message
 
 
@@ -140,9 +141,9 @@ class ServiceRun:
         """A client may need a moment to notice that the service has ended. One that fails may have noticed
         first what ends the service."""
         if self.end is End.SERVICE and self.client:
-            wait_for_end(self.client, GRACE_SECONDS)
+            wait_for_end(self.client, CLIENT_SECONDS)
         if self.end is End.CLIENT and self.client.returncode:
-            wait_for_end(self.service, GRACE_SECONDS)
+            wait_for_end(self.service, CAUSE_SECONDS)
         if self.end is End.EXCEPTION:
             wait_for_end(self.service, 1)  # until the stack trace is printed
 

@@ -35,7 +35,8 @@ def platform(request, monkeypatch):
 def run(tmp_path, monkeypatch, caplog):
     """Runs a service, the body of a shell script, and a client; the lines of the error, if any, and its
     output before it. The lines that were logged are in run.logged."""
-    monkeypatch.setattr(service, "GRACE_SECONDS", 0.6)
+    monkeypatch.setattr(service, "CLIENT_SECONDS", 0.6)
+    monkeypatch.setattr(service, "CAUSE_SECONDS", 0.6)
 
     def run(body, client=None, seconds=60):
         macos = tmp_path / "Contents/MacOS"
