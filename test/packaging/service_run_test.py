@@ -121,8 +121,9 @@ def test_a_client_that_does_not_end_is_named_at_the_limit(run):
     ]
 
 
-def test_a_service_that_ends_well_has_ended_too_early_for_a_client_that_goes_on(run):
-    assert run("load_main\nsleep 0.3\n", "while :; do sleep 0.1; done") == [
+@pytest.mark.parametrize("client", ["while :; do sleep 0.1; done", "sleep 0.4; exit 7"])
+def test_a_service_that_ends_well_has_ended_too_early_for_a_client_that_needs_it(run, client):
+    assert run("load_main\nsleep 0.2\n", client) == [
         "training ended with status 0, before its client did, after 0 s, see above; give "
         "--training-argument with which the service waits for it, or no --training-command"
     ]
