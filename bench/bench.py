@@ -27,6 +27,7 @@ OPTIONS = (
 SERVICE = "com.vaultory.service.QRService"
 CLASS_PATH = "../Resources/lib/com.vaultory.desktop.jar:../Resources/lang"
 COMMONS_DAEMON = "/usr/share/java/commons-daemon.jar"
+LOCALES = "de,es,fr,it,ja,ko,nl,pt-BR,sv,zh-Hans"  # a vendor's choice, English with it
 HSQLDB = "/usr/share/java/hsqldb.jar"
 # What a vendor would name; without it the runtime has the data of all locales, as jpackage's has.
 LOCALES = "en,de,es,fr,it,ja,ko,nl,pt-BR,zh-CN"

@@ -13,16 +13,9 @@ from .archive import check_archive, make_archive
 from .errors import UserError, copy_tree, file_errors, full_disk
 from .jdk import check_java_options, check_modules, feature_version, find_jdk, modules_of
 from .launcher import build_launcher, project_version
+from .layout import SERVICE, Directories, Product
+from .layout import is_signed, make_layout, normalize, operator_tool_beside
 from .locales import check_locales
-from .layout import (
-    SERVICE,
-    Directories,
-    Product,
-    is_signed,
-    make_layout,
-    normalize,
-    operator_tool_beside,
-)
 from .platforms import target_of
 from .runtime import Wanted, link_runtime
 from .service import Plan
@@ -32,7 +25,7 @@ from .trial import Trial
 log = logging.getLogger(__package__)
 
 ARCHIVE_MEGABYTES = 60
-TMPDIR_MEGABYTES = 250  # of a bundle, of the runtime linked for it, and of what the runs write
+TMPDIR_MEGABYTES = 300  # of a bundle, of the runtime linked for it, and of what the runs write
 
 
 def main(arguments):
@@ -107,7 +100,7 @@ def make_bundle(given, plan, epoch):
         )
         normalize(app, epoch)
         if not given.no_runtime:
-            wanted = Wanted(added, tuple(given.java_options), given.include_locales)
+            wanted = Wanted(frozenset(added), tuple(given.java_options), given.include_locales)
             if given.no_archive or not target.runs_here:
                 trial = None
             else:

@@ -19,12 +19,11 @@ log = logging.getLogger(__name__)
 
 MAIN_CLASS_LOADED = rf"{re.escape(MAIN_CLASS)} source: "
 EXCEPTION_FROM_MAIN = 'Exception in thread "main" '
-SIGTERM_STATUS = (
-    143,
-    -signal.SIGTERM,
-)  # of a VM that runs its shutdown hooks, and of one that cannot yet
+# Of a VM that has run its shutdown hooks, and of one that was not ready to.
+SIGTERM_STATUS = 143, -signal.SIGTERM
 STOP_SECONDS = 60  # after SIGTERM, as an installed service has
-GRACE_SECONDS = 5  # for the client after the service, and the other way round
+CLIENT_SECONDS = 5  # for the client to end after the service
+CAUSE_SECONDS = 2  # for a service whose client has failed to end, too
 LINES = 12  # of the service's output in a message
 
 
@@ -140,9 +139,9 @@ class ServiceRun:
         """A client may need a moment to notice that the service has ended. One that fails may have noticed
         first what ends the service."""
         if self.end is End.SERVICE and self.client:
-            wait_for_end(self.client, GRACE_SECONDS)
+            wait_for_end(self.client, CLIENT_SECONDS)
         if self.end is End.CLIENT and self.client.returncode:
-            wait_for_end(self.service, GRACE_SECONDS)
+            wait_for_end(self.service, CAUSE_SECONDS)
         if self.end is End.EXCEPTION:
             wait_for_end(self.service, 1)  # until the stack trace is printed
 
@@ -189,22 +188,22 @@ class ServiceRun:
 
     def problem_of_client(self):
         """What went wrong, and what to do."""
+        if self.end is End.SERVICE and self.client_status != 0:
+            return (
+                " ended with status 0, before its client did,",
+                "give --training-argument with which the service waits for it, or no --training-command",
+            )
         if self.client_status:
             return (
                 f"'s client ended with status {shell_status(self.client_status)}",
                 "give another --training-command",
             )
-        if self.client_status == 0:
-            return "", ""
-        if self.end is End.SERVICE:
+        if self.client_status is None:
             return (
-                " ended with status 0, before its client did,",
-                "give --training-argument with which the service waits for it, or no --training-command",
+                "'s client had not ended",
+                "give a --training-command that ends, or more --training-seconds",
             )
-        return (
-            "'s client had not ended",
-            "give a --training-command that ends, or more --training-seconds",
-        )
+        return "", ""
 
     def loaded_classes(self):
         """{class: where it came from}"""
@@ -231,7 +230,8 @@ def read(path):
 def last_lines(printed):
     """The last lines that the service printed, or the launcher before it. Of each stack trace the first
     line is kept and where it was thrown: the rest would take the place of the cause."""
-    lines = printed.rpartition("\nStarting service.\n")[2].rstrip().splitlines()
+    printed = printed.rpartition("\nStarting service.\n")[2].rstrip()
+    lines = [line for line in printed.splitlines() if not line.startswith("Picked up ")]
     frame = re.compile(r"\s+(at |\.\.\. \d+ )")
     kept = [
         line

@@ -32,7 +32,7 @@ def test_a_full_TMPDIR_is_named_and_not_the_tool_that_met_it(tmp_path, classes):
     run = bundle(*arguments, cwd=tmp_path, TMPDIR=str(tmp_path / "work"))
     assert (run.status, run.lines[-1]) == (
         1,
-        f"bundle: TMPDIR: no space is left in '{tmp_path}/work'; free 250 MB there, or set TMPDIR to "
+        f"bundle: TMPDIR: no space is left in '{tmp_path}/work'; free 300 MB there, or set TMPDIR to "
         "another directory",
     )
 

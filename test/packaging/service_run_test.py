@@ -35,7 +35,8 @@ def platform(request, monkeypatch):
 def run(tmp_path, monkeypatch, caplog):
     """Runs a service, the body of a shell script, and a client; the lines of the error, if any, and its
     output before it. The lines that were logged are in run.logged."""
-    monkeypatch.setattr(service, "GRACE_SECONDS", 0.6)
+    monkeypatch.setattr(service, "CLIENT_SECONDS", 0.6)
+    monkeypatch.setattr(service, "CAUSE_SECONDS", 0.6)
 
     def run(body, client=None, seconds=60):
         macos = tmp_path / "Contents/MacOS"
@@ -120,8 +121,9 @@ def test_a_client_that_does_not_end_is_named_at_the_limit(run):
     ]
 
 
-def test_a_service_that_ends_well_has_ended_too_early_for_a_client_that_goes_on(run):
-    assert run("load_main\nsleep 0.3\n", "while :; do sleep 0.1; done") == [
+@pytest.mark.parametrize("client", ["while :; do sleep 0.1; done", "sleep 0.4; exit 7"])
+def test_a_service_that_ends_well_has_ended_too_early_for_a_client_that_needs_it(run, client):
+    assert run("load_main\nsleep 0.2\n", client) == [
         "training ended with status 0, before its client did, after 0 s, see above; give "
         "--training-argument with which the service waits for it, or no --training-command"
     ]
