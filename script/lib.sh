@@ -87,7 +87,7 @@ need_test_tools() {
 }
 fetch_pytest() {
     python3 -m venv --clear build/venv
-    build/venv/bin/pip install pytest hypothesis
+    build/venv/bin/pip install 'pytest<9' hypothesis # Debian 13 has pytest 8, Debian 12 has 7
 }
 
 # clang++, with its sanitizers, libc++ (the C++ library of macOS) and the sources of GoogleTest, to

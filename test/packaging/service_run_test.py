@@ -163,6 +163,6 @@ def test_what_service_and_client_leave_is_ended_removed_and_named(run, platform,
 
 
 def test_what_has_left_the_session_is_found_by_its_environment(run):
-    macos.needs("setsid")
+    macos.needs("/proc")
     assert run(f"load_main\n{WAITS}", "setsid sleep 1003 & sleep 0.5") == []
     assert run.logged == ["Left running by the service or its client, ended: sleep 1003"]
