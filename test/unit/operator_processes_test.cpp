@@ -77,10 +77,11 @@ TEST_F(Processes, A_signal_that_ends_the_tool_ends_the_command_first) {
         return " & until [ -e " + begun + " ]; do sleep 0.1; done; kill -" + signal +
                " $!; { wait $!; } 2>/dev/null; kill -l $?";
     };
-    // A shell has INT and QUIT ignored in what it starts in the background.
+    // A shell has INT and QUIT ignored in what it starts in the background, nohup HUP.
     const std::string reset =
         "python3 -c 'import os, signal, sys\n"
-        "for number in signal.SIGINT, signal.SIGQUIT: signal.signal(number, signal.SIG_DFL)\n"
+        "for number in signal.SIGHUP, signal.SIGINT, signal.SIGQUIT:\n"
+        "    signal.signal(number, signal.SIG_DFL)\n"
         "os.execv(sys.argv[1], sys.argv[1:])' ";
     std::vector<Script> scripts;
     for (const std::string signal : {"HUP", "INT", "QUIT", "TERM"}) {
