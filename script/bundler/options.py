@@ -71,7 +71,7 @@ def make_parser():
             "--lang",
             metavar="DIR",
             type=PATH,
-            help="the directory of its texts, second on the class path",
+            help="the directory of its texts, last on the class path",
         ),
         add(
             "--conf",
