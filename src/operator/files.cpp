@@ -123,15 +123,4 @@ void takeLock(const std::string& path, unsigned seconds) {
     }
 }
 
-void openStandardStreams() {
-    int opened = -1;
-    do {  // the lowest number that is free
-        opened = open("/dev/null", O_RDWR);
-        if (opened < 0) {
-            throw systemFailure("/dev/null");
-        }
-    } while (opened <= STDERR_FILENO);
-    close(opened);
-}
-
 }  // namespace operator_tool

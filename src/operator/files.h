@@ -21,10 +21,6 @@ constexpr int LOCK_DESCRIPTOR = 9;
 /// descriptor. Fails with LIMIT_REACHED if another holds it for that many seconds.
 void takeLock(const std::string& path, unsigned seconds);
 
-/// Opens standard input, output and error on /dev/null where the caller has closed them: a file
-/// that is opened later would get their numbers, and what is meant for a terminal.
-void openStandardStreams();
-
 /// Writes all of it to standard output.
 void print(const char* data, std::size_t size);
 

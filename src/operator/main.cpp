@@ -136,7 +136,6 @@ int run(std::string_view name, Arguments arguments) {
 
 int main(int argc, char* argv[]) {
     try {
-        operator_tool::openStandardStreams();
         if (argc < 2) {
             return run("", {});
         }

@@ -94,6 +94,10 @@ TEST_F(Files, An_output_that_fails_is_reported) {
                  "    tool read file first 4; echo $? >status; } | { exec <&-; touch closed; }\n"
                  "cat status"),
               "operator-tool: standard output: Broken pipe\n125\n");
+    // What is opened gets the number that is free then, and must not be taken for the output.
+    EXPECT_EQ(sh("tool read file first 4 >&-; echo $?; tool printable </dev/null >&-; echo $?\n"
+                 "tool read file first 4 <&-; tool read missing first 4 2>&-; echo $?; cat file"),
+              "operator-tool: standard output: Bad file descriptor\n125\n0\ntext125\ntext");
 }
 
 TEST_F(Files, A_signal_cuts_nothing_that_is_printed) {
