@@ -8,13 +8,16 @@ import re
 import zipfile
 import zlib
 
-from .errors import UserError
+from .errors import UserError, file_errors
 
 log = logging.getLogger(__name__)
 
+OTHER = "correct that, or name another"
+
 MAIN_CLASS = "com.vaultory.service.QRService"
 LISTING_JAR = "com.vaultory.desktop.jar"  # the jar that the launcher's class path names
-UNREADABLE = OSError, RuntimeError, zipfile.BadZipFile, zlib.error  # what a damaged jar raises
+# What a damaged or encrypted jar raises.
+UNREADABLE = OSError, EOFError, RuntimeError, ValueError, zipfile.BadZipFile, zlib.error
 ARCHIVABLE = "[A-Za-z0-9/._~+-]+"  # names of jars that a CDS archive can have
 
 
