@@ -117,10 +117,8 @@ moved() {
     ! [ "$recorded" -ef "build/$1" ]
 }
 
-# build PRESET: configures where that has not been done here, and builds.
+# build PRESET: configures, as the preset may have changed since, and builds.
 build() {
-    if moved "$1" || ! { [ -f "build/$1/Makefile" ] || [ -f "build/$1/build.ninja" ]; }; then
-        configure "$1"
-    fi
+    configure "$1"
     step "Building $1" cmake --build --preset "$1"
 }

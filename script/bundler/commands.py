@@ -13,6 +13,11 @@ from .errors import UserError
 
 log = logging.getLogger(__name__)
 
+# What java adds to the VM's own line about an error.
+VM_FAILED = re.compile(
+    "Error: (Could not create the Java Virtual Machine|A fatal exception has occ)"
+)
+
 
 @contextlib.contextmanager
 def step(text):
@@ -71,6 +76,10 @@ def require(problem, command, **settings):
 
 def reason(ended):
     """The first line that a failed command printed about an error, or else its first line."""
-    lines = [line.strip() for line in ended.stdout.splitlines() if line.strip()]
+    lines = [
+        line.strip()
+        for line in ended.stdout.splitlines()
+        if line.strip() and not VM_FAILED.match(line)
+    ]
     errors = [line for line in lines if re.search("error|exception|unrecognized", line, re.I)]
     return [*errors, *lines, f"status {ended.returncode}"][0]

@@ -40,6 +40,13 @@ def full_disk(option, directory, megabytes, remedy):
         ) from error
 
 
+def nearest_existing(path):
+    """The path, or the directory above it in which it would be made."""
+    while not os.path.exists(path):
+        path = path.parent
+    return path
+
+
 def copy_tree(source, target):
     """Copies a directory with its links as they are; its first error as the system reported it."""
     try:

@@ -8,13 +8,16 @@ import re
 import zipfile
 import zlib
 
-from .errors import UserError
+from .errors import UserError, file_errors
 
 log = logging.getLogger(__name__)
 
+OTHER = "correct that, or name another"
+
 MAIN_CLASS = "com.vaultory.service.QRService"
 LISTING_JAR = "com.vaultory.desktop.jar"  # the jar that the launcher's class path names
-UNREADABLE = OSError, RuntimeError, zipfile.BadZipFile, zlib.error  # what a damaged jar raises
+# What a damaged or encrypted jar raises.
+UNREADABLE = OSError, EOFError, RuntimeError, ValueError, zipfile.BadZipFile, zlib.error
 ARCHIVABLE = "[A-Za-z0-9/._~+-]+"  # names of jars that a CDS archive can have
 
 
@@ -48,7 +51,9 @@ def named_by(inputs):
     """The jars that --input names, and those in the directories that it names."""
     found = []
     for path in inputs:
-        inside = sorted(file for file in path.rglob("*.[Jj][Aa][Rr]") if not file.is_dir())
+        with file_errors("--input", OTHER):
+            inside = jars_in(path) if path.is_dir() else []
+            check_linked_directories(path)
         if path.is_dir() and not inside:
             raise UserError(
                 f"--input: '{path}' has no jar in it", "name jars, or directories of them"
@@ -58,6 +63,34 @@ def named_by(inputs):
         else:
             found.append(Jar(path.name, path, "--input"))
     return found
+
+
+def jars_in(directory):
+    """The jars of a directory and of those in it. A directory that cannot be read is an error."""
+
+    def fail(error):
+        raise error
+
+    return sorted(
+        pathlib.Path(place, name)
+        for place, _, names in os.walk(directory, onerror=fail)
+        for name in names
+        if name.lower().endswith(".jar")
+    )
+
+
+def check_linked_directories(directory):
+    """Raises if a link leads to jars that are not in the directory: links to directories are not followed."""
+    inside = os.path.realpath(directory) + os.sep
+    for path in sorted(path for path in directory.rglob("*") if path.is_symlink()):
+        target = pathlib.Path(os.path.realpath(path))
+        if str(target).startswith(inside) or not target.is_dir():
+            continue
+        if any(target.rglob("*.[Jj][Aa][Rr]")):
+            raise UserError(
+                f"--input: '{path}' is a link to a directory of jars outside",
+                "replace it with a copy",
+            )
 
 
 def without_links(jars):
@@ -78,13 +111,15 @@ def without_links(jars):
 def read_jar(jar):
     """The names of the jar's entries, and its manifest."""
     try:
+        if jar.file.exists() and not jar.file.is_file():
+            raise OSError("not a file")  # opening a pipe would wait for its other end
         with zipfile.ZipFile(jar.file) as archive:
             entries = archive.namelist()
             if "META-INF/MANIFEST.MF" in entries:
                 return entries, archive.read("META-INF/MANIFEST.MF")
             return entries, b""
     except UNREADABLE as error:
-        exists = os.path.lexists(jar.file)
+        exists = os.path.lexists(jar.file) or isinstance(error, PermissionError)
         problem = "is not a jar that can be read" if exists else "does not exist"
         raise UserError(
             f"{jar.option}: '{jar.file}' {problem}", "name jars, or directories of them"
@@ -115,9 +150,15 @@ def check_name_for_archive(jar):
 
 
 def check_names(jars):
-    """No two jars are one file on macOS, and none takes the place of the jar that lists them."""
+    """No two jars are one file on macOS, none has a name that it does not allow, and none takes the place
+    of the jar that lists them."""
     taken = {}
     for jar in jars:
+        if not is_utf8(jar.name):
+            raise UserError(
+                f"{jar.option}: '{jar.file}' has a name that is not UTF-8, which no Mac has",
+                "rename it",
+            )
         other = taken.setdefault(jar.name.lower(), jar)
         if other is not jar:
             raise UserError(
@@ -131,8 +172,27 @@ def check_names(jars):
             )
 
 
+def is_utf8(text):
+    """Whether a text of the command line, or a file's name, had no other bytes."""
+    return not re.search("[\ud800-\udfff]", text)
+
+
+def check_destination_apart(app, sources):
+    """Raises if the bundle would be made in a directory of {option: paths}."""
+    place = os.path.realpath(app)
+    for option, paths in sources.items():
+        for path in paths:
+            if path and place.startswith(os.path.realpath(path) + os.sep):
+                raise UserError(
+                    f"--dest: '{app}' would be made in what {option} names, and the next bundle would "
+                    "contain it",
+                    "name another directory",
+                )
+
+
 def check_directory(option, directory, file=""):
-    """Raises unless it is a directory with this file, whose links all lead to something in it."""
+    """Raises unless it is a directory with this file, whose links all lead to something in it, and which
+    has nothing but files, directories and links."""
     if not directory.is_dir():
         raise UserError(f"{option}: '{directory}' is not a directory", "name one")
     if not (directory / file).exists():
@@ -140,7 +200,13 @@ def check_directory(option, directory, file=""):
             f"{option}: '{directory}' has no {file}", "add it, or name another directory"
         )
     inside = os.path.realpath(directory) + os.sep
-    for path in sorted(path for path in directory.rglob("*") if path.is_symlink()):
+    for path in sorted(directory.rglob("*")):
+        if not path.is_symlink():
+            if not path.is_file() and not path.is_dir():
+                raise UserError(
+                    f"{option}: '{path}' is neither a file nor a directory", "leave it out"
+                )
+            continue
         target = os.readlink(path)
         stays = os.path.realpath(path).startswith(inside)
         if os.path.isabs(target) or not path.exists() or not stays:

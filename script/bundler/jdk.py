@@ -7,7 +7,11 @@ import shutil
 from typing import FrozenSet, Optional
 
 from .commands import require
-from .errors import UserError
+from .errors import UserError, file_errors
+from .inputs import OTHER
+
+
+COMPLETE = "name one that is complete"
 
 
 @dataclasses.dataclass(frozen=True)
@@ -39,7 +43,9 @@ def find_jdk(named, jmods, environment):
     """The JDK that --jdk names, or JAVA_HOME, or the javac on the path."""
     option, home = locate(named, environment)
     for file in "bin/java", "bin/javac", "bin/jlink", "bin/jdeps", "bin/jmod", "release":
-        if not (home / file).is_file():
+        with file_errors(option, OTHER):
+            present = (home / file).is_file()
+        if not present:
             raise UserError(f"{option}: '{home}' has no {file}", "name a JDK, 11 or later")
     home = home.absolute()
     listed = require(
@@ -49,7 +55,7 @@ def find_jdk(named, jmods, environment):
         modules = {file.stem for file in jmods.glob("*.jmod")}
     else:
         modules = set(re.findall(r"^([\w.]+)@", listed, re.M))
-    return Jdk(home, option, feature_version(home), frozenset(modules), jmods)
+    return Jdk(home, option, feature_version(option, home), frozenset(modules), jmods)
 
 
 def locate(named, environment):
@@ -69,16 +75,24 @@ def locate(named, environment):
     )
 
 
-def feature_version(home):
+def feature_version(option, home):
     """The first number of the version of a JDK or a linked runtime, 8 of 1.8."""
-    release = (home / "release").read_text()
-    return int(re.search(r'^JAVA_VERSION="(?:1\.)?(\d+)', release, re.M)[1])
+    return int(released(option, home, "JAVA_VERSION", r"(?:1\.)?([0-9]+)"))
 
 
-def modules_of(jre):
+def modules_of(option, jre):
     """The modules of a linked runtime."""
-    release = (jre / "release").read_text()
-    return set(re.search(r'^MODULES="(.*)"$', release, re.M)[1].split())
+    return set(released(option, jre, "MODULES", '(.*)"$').split())
+
+
+def released(option, home, field, pattern):
+    """The value of a field of the file that tells what a JDK or a runtime is."""
+    file = home / "release"
+    with file_errors(option, COMPLETE):
+        found = re.search(f'^{field}="{pattern}', file.read_text(errors="replace"), re.M)
+    if not found:
+        raise UserError(f"{option}: '{file}' has no {field}", COMPLETE)
+    return found[1]
 
 
 def check_modules(names, jdk):

@@ -5,7 +5,7 @@ import pathlib
 import re
 
 from .commands import require, step
-from .errors import UserError
+from .errors import UserError, nearest_existing
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 EXECUTABLE = ROOT / "build/release/src/OrvaneService"
@@ -38,8 +38,7 @@ def build_launcher(jdk):
 
 def check_writable(directory):
     """Raises if the build directory cannot be written, or made."""
-    while not directory.exists():
-        directory = directory.parent
+    directory = nearest_existing(directory)
     if not os.access(directory, os.W_OK):
         raise UserError(
             f"--executable: the launcher cannot be built, as '{directory}' is not writable",

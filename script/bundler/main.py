@@ -16,7 +16,7 @@ from .launcher import build_launcher, project_version
 from .layout import SERVICE, Directories, Product
 from .layout import is_signed, make_layout, normalize, operator_tool_beside
 from .locales import check_locales
-from .platforms import target_of
+from .platforms import JVM_LIBRARY, target_of
 from .runtime import Wanted, link_runtime
 from .service import Plan
 from .training import train
@@ -64,6 +64,13 @@ def work_directory():
     if not re.fullmatch("[A-Za-z0-9/._+-]+", directory):
         directory = "/tmp"
     other = "set TMPDIR to another directory"
+    with file_errors("TMPDIR", other):
+        flags = os.statvfs(directory).f_flag
+    if flags & getattr(os, "ST_NOEXEC", 0):  # Linux alone has it
+        raise UserError(
+            f"TMPDIR: programs in '{directory}' cannot be executed, as it is mounted with noexec",
+            other,
+        )
     with full_disk("TMPDIR", directory, TMPDIR_MEGABYTES, other):
         with file_errors("TMPDIR", other):
             work = tempfile.TemporaryDirectory(prefix="bundle-", dir=directory)
@@ -74,6 +81,14 @@ def work_directory():
 def make_bundle(given, plan, epoch):
     """Makes Orvane.app in a work directory, and puts it in its place when it is whole."""
     # Check the input.
+    sources = {
+        "--input": given.input,
+        "--lang": [given.lang],
+        "--conf": [given.conf],
+        "--bin": [given.bin],
+        "--frameworks": [given.frameworks],
+    }
+    inputs.check_destination_apart(given.dest / packing.NAME, sources)
     jars, directories = vendors_files(given)
     version = given.app_version or project_version()
     packing.check_destination(given.dest, given.force)
@@ -128,7 +143,8 @@ def vendors_files(given):
         ("--jmods", given.jmods, "java.base.jmod"),
     ):
         if directory:
-            inputs.check_directory(option, directory, file)
+            with file_errors(option, inputs.OTHER):
+                inputs.check_directory(option, directory, file)
     conf = given.conf or sample.DIRECTORY / "conf"
     if given.main_jar:
         archived = not given.no_archive and not given.no_runtime
@@ -157,7 +173,9 @@ def add_runtime(contents, work, jdk, wanted, runs_here, trial):
     modules.log_modules(found)
     names = modules.expand(set().union(*found.values()), jdk)
     link_runtime(jre, names, jdk, wanted, starts_in=contents / "MacOS" if runs_here else None)
-    log.info("Modules of the runtime, with those that these require: %d", len(modules_of(jre)))
+    log.info(
+        "Modules of the runtime, with those that these require: %d", len(modules_of("--jdk", jre))
+    )
     if trained:
         kind, _ = make_archive(trial, jre, jdk.feature, trained.class_list)
         check_archive(trial, kind, trained.classes)
@@ -186,16 +204,23 @@ def train_bundle(app, plan, force):
             f"--train: '{app}' is signed, which an archive breaks",
             "add --force, and sign it again",
         )
+    if not (server / JVM_LIBRARY).is_file():
+        raise UserError(
+            f"--train: the runtime of '{app}' is not for this system",
+            "call this on a machine that it is for",
+        )
     if not os.access(server, os.W_OK):
         raise UserError(f"--train: '{server}' is not writable", "call this as its owner")
+    installed = contents / "Resources/jre"
+    feature, names = feature_version("--train", installed), modules_of("--train", installed)
     with work_directory() as work:
         copy = work / "Contents"
         with file_errors("--train"):
             copy_tree(contents, copy)
         jre = (copy / "Resources/jre").rename(work / "jre")
         trial = Trial(copy, work, plan)
-        trained = train(trial, jre, modules_of(jre), ())
-        kind, archive = make_archive(trial, jre, feature_version(jre), trained.class_list)
+        trained = train(trial, jre, names, ())
+        kind, archive = make_archive(trial, jre, feature, trained.class_list)
         check_archive(trial, kind, trained.classes)
         archive.chmod(0o644)
         other = "make the bundle elsewhere"

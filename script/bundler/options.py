@@ -26,12 +26,14 @@ def text_like(pattern, description):
     return convert
 
 
-VERSION = text_like(r"\d+(\.\d+){0,2}", "a version; give one such as 2.1.0")
+VERSION = text_like(r"[0-9]+(\.[0-9]+){0,2}", "a version; give one such as 2.1.0")
 IDENTIFIER = text_like(
     r"[A-Za-z0-9-]+(\.[A-Za-z0-9-]+)+", "a bundle identifier; give one such as com.example.backup"
 )
-LINE = text_like(r"[^\x00-\x1f\x7f]+", "one line; give one")
-SECONDS = text_like("[1-9][0-9]*", "a time; give a whole number above 0")
+# Bytes that are not UTF-8 arrive as surrogates; U+FFFE and U+FFFF cannot be in a property list.
+LINE = text_like("[^\x00-\x1f\x7f\ud800-\udfff\ufffe\uffff]+", "one line of UTF-8; give one")
+UTF8 = text_like("[^\ud800-\udfff]+", "UTF-8; give what is")
+SECONDS = text_like("[1-9][0-9]{0,8}", "a time; give a whole number above 0")
 PATH = pathlib.Path
 
 
@@ -127,6 +129,7 @@ def make_parser():
         add(
             "--java-options",
             metavar="OPTION...",
+            type=UTF8,
             help="a VM option stored in the runtime; JDK 17 or later",
             **repeated,
         ),
@@ -219,6 +222,6 @@ def parse(arguments):
 def source_date_epoch(environment):
     """The latest time that a file of the bundle may have, or None."""
     text = environment.get("SOURCE_DATE_EPOCH", "")
-    if not re.fullmatch(r"\d*", text):
+    if not re.fullmatch("[0-9]*", text):
         raise UserError(f"SOURCE_DATE_EPOCH: '{text}' is not a time", "give seconds since 1970")
     return int(text) if text else None

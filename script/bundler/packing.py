@@ -9,7 +9,7 @@ import tarfile
 import tempfile
 
 from .commands import step
-from .errors import UserError, copy_tree, file_errors, full_disk
+from .errors import UserError, copy_tree, file_errors, full_disk, nearest_existing
 from .layout import is_signed
 from .processes import signals_deferred
 
@@ -23,9 +23,12 @@ MEGABYTES = 200  # of a bundle with all modules that a service usually has, and 
 
 def check_destination(dest, force):
     """Raises if the bundle cannot be made there, before anything is done."""
-    for path in dest, dest / NAME:
-        if path.exists() and not path.is_dir():
+    place = nearest_existing(dest)
+    for path in place, dest / NAME:
+        if os.path.exists(path) and not os.path.isdir(path):
             raise UserError(f"--dest: '{path}' is not a directory", f"remove it, or {OTHER}")
+    if not os.access(place, os.W_OK):
+        raise UserError(f"--dest: '{place}' is not writable", f"make it writable, or {OTHER}")
     if is_signed(dest / NAME) and not force:
         raise UserError(
             f"--dest: '{dest / NAME}' is signed", f"add --force to replace it, or {OTHER}"

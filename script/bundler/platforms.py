@@ -16,6 +16,7 @@ HEADER = struct.Struct("<8I")
 PROCESSORS = {0x01000007: "x86_64", 0x0100000C: "arm64"}  # as lipo names them
 ARCHITECTURES = {"x86_64": "amd64", "arm64": "aarch64"}  # as Java names them
 ELF_ARCHITECTURES = {62: "amd64", 183: "aarch64"}
+JVM_LIBRARY = "libjvm.dylib" if sys.platform == "darwin" else "libjvm.so"  # of this system
 LC_VERSION_MIN_MACOSX, LC_BUILD_VERSION = 0x24, 0x32
 
 
@@ -123,8 +124,7 @@ def target_of(executable, jdk):
         return Target(
             platforms[0] if len(platforms) == 1 else "macos-universal", minimum, runs_here=False
         )
-    library = "libjvm.dylib" if sys.platform == "darwin" else "libjvm.so"
-    (host,), runtime_minimum = platforms_of("--jdk", jdk.home / "lib/server" / library)
+    (host,), runtime_minimum = platforms_of("--jdk", jdk.home / "lib/server" / JVM_LIBRARY)
     option, origin, platform = "--jdk", jdk.home, host
     if jdk.jmods:
         option, origin = "--jmods", jdk.jmods

@@ -13,6 +13,9 @@ from .service import ServiceRun, last_lines
 log = logging.getLogger(__name__)
 
 VM_OPTIONS = "JAVA_TOOL_OPTIONS", "JDK_JAVA_OPTIONS", "_JAVA_OPTIONS", "CLASSPATH"
+# An option that every VM rejects. One that it does not know is not rejected if the vendor has stored
+# -XX:+IgnoreUnrecognizedVMOptions in the runtime: the service would run, without a limit.
+REJECTED = "-Xmx1wrong"
 # How the launcher's options name the place that the bundle is meant for.
 INSTALLED = re.compile(f"=.*/Applications/Orvane.app/{SERVICE}(?=/)")
 
@@ -48,8 +51,8 @@ class Trial:
     def relocate_options(self, java_options):
         """VM options name the place that the bundle is meant for: those of the launcher and the stored ones
         are repeated with the place of the copy in each run."""
-        # The launcher prints its options before the VM fails over one that it does not know.
-        environment = {**self.environment, "JAVA_TOOL_OPTIONS": "-XX:+NoSuchOption"}
+        # The launcher prints its options before the VM rejects this one.
+        environment = {**self.environment, "JAVA_TOOL_OPTIONS": REJECTED}
         printed = run(self.launcher, cwd=self.directory, env=environment).stdout
         if "JVM arguments in use" not in printed:
             raise UserError(

@@ -1,10 +1,16 @@
 """Wrong input is one line that names the option and what to do, before anything is written."""
 
+import errno
+import os
 import re
 import subprocess
 import zipfile
 
 import pytest
+from bundler import inputs
+from bundler.errors import UserError
+from bundler.layout import SERVICE as SERVICE_BUNDLE
+from bundler.platforms import JVM_LIBRARY
 from bundling import (
     ARM64,
     EXECUTABLE,
@@ -17,9 +23,18 @@ from bundling import (
     mach_o,
     script,
     this_platform,
+    wrapped_jdk,
     write_jar,
 )
 from support import LINUX, ROOT
+
+
+JRE = "Resources/jre"
+
+
+def touch(path):
+    path.parent.mkdir(parents=True, exist_ok=True)
+    path.touch()
 
 
 @pytest.fixture(scope="session")
@@ -30,6 +45,10 @@ def wrong(tmp_path_factory, classes):
     app/Orvane.app              is a file
     empty directory/
     links/out                   leads out of its directory
+    linked/lib                  leads to a directory of jars
+    pipes/service.log.xml       is a pipe
+    elsewhere/Orvane.app        has no runtime for this system
+    damaged/Orvane.app          has one that does not tell what it is
     jmods/java.base.jmod        is for macOS on Intel
     apple-silicon, universal    executables for macOS, without operator-tool beside them
     service.jar, a service.jar  have the service's class
@@ -37,11 +56,18 @@ def wrong(tmp_path_factory, classes):
     com.vaultory.desktop.jar    has the name of the jar that lists the others
     """
     directory = tmp_path_factory.mktemp("wrong")
-    for name in "app", "empty directory", "links", "jmods":
+    for name in "app", "empty directory", "links", "linked", "pipes", "jmods":
         (directory / name).mkdir()
     for name in "file", "app/Orvane.app":
         (directory / name).write_bytes(b"neither")
     (directory / "links/out").symlink_to("../file")
+    (directory / "linked/lib").symlink_to("../again")
+    os.mkfifo(directory / "pipes/service.log.xml")
+    programs = "MacOS/OrvaneService", f"{JRE}/bin/java"
+    for app in "elsewhere/Orvane.app", "damaged/Orvane.app":
+        for file in programs:
+            touch(directory / app / SERVICE_BUNDLE / file)
+    touch(directory / "damaged/Orvane.app" / SERVICE_BUNDLE / JRE / "lib/server" / JVM_LIBRARY)
     with zipfile.ZipFile(directory / "jmods/java.base.jmod", "w") as jmod:
         jmod.writestr("lib/server/libjvm.dylib", mach_o(X86_64))
     (directory / "apple-silicon").write_bytes(mach_o(ARM64))
@@ -50,10 +76,13 @@ def wrong(tmp_path_factory, classes):
         write_jar(directory / name, {MAIN: classes[MAIN]})
     for name in "other.jar", "again/OTHER.jar", LISTING_JAR:
         write_jar(directory / name, {})
+    if LINUX:  # a Mac's disk has no such names
+        write_jar(directory / "latin\udce9.jar", {})
     return directory
 
 
 SERVICE = ["--main-jar", "service.jar"]
+LONG = "a" * 300
 NO_PLATFORM = "is not for macOS or Linux on amd64 or aarch64; name one that is"
 
 
@@ -74,6 +103,10 @@ NO_PLATFORM = "is not for macOS or Linux on amd64 or aarch64; name one that is"
             "--bin: 'links/out' is a link to '../file', outside; replace it with a copy",
         ),
         (
+            ["--conf", "pipes"],
+            "--conf: 'pipes/service.log.xml' is neither a file nor a directory; leave it out",
+        ),
+        (
             ["--main-jar", "file"],
             "--main-jar: 'file' is not a jar that can be read; name jars, or directories of them",
         ),
@@ -91,6 +124,25 @@ NO_PLATFORM = "is not for macOS or Linux on amd64 or aarch64; name one that is"
         (
             [*SERVICE, "--input", "/none"],
             "--input: '/none' does not exist; name jars, or directories of them",
+        ),
+        (
+            [*SERVICE, "--input", "pipes/service.log.xml"],
+            "--input: 'pipes/service.log.xml' is not a jar that can be read; name jars, or "
+            "directories of them",
+        ),
+        (
+            [*SERVICE, "--input", "linked"],
+            "--input: 'linked/lib' is a link to a directory of jars outside; replace it with a copy",
+        ),
+        (
+            [*SERVICE, "--input", ".", "--dest", "again"],
+            "--dest: 'again/Orvane.app' would be made in what --input names, and the next bundle "
+            "would contain it; name another directory",
+        ),
+        (
+            [*SERVICE, "--lang", "again", "--dest", "again"],
+            "--dest: 'again/Orvane.app' would be made in what --lang names, and the next bundle "
+            "would contain it; name another directory",
         ),
         (
             [*SERVICE, "--input", "empty directory"],
@@ -114,10 +166,33 @@ NO_PLATFORM = "is not for macOS or Linux on amd64 or aarch64; name one that is"
             "--mac-package-identifier: 'orvane' is not a bundle identifier; give one such as "
             "com.example.backup",
         ),
-        (["--copyright", "two\nlines"], "--copyright: 'two\nlines' is not one line; give one"),
+        (
+            ["--app-version", "\u0663.1"],
+            "--app-version: '\u0663.1' is not a version; give one such as 2.1.0",
+        ),
+        (
+            ["--copyright", "two\nlines"],
+            "--copyright: 'two\nlines' is not one line of UTF-8; give one",
+        ),
+        (
+            ["--copyright", "\udca9 latin 1"],
+            "--copyright: '\\udca9 latin 1' is not one line of UTF-8; give one",
+        ),
+        (
+            ["--java-options", "-Dname=\udce9"],
+            "--java-options: '-Dname=\\udce9' is not UTF-8; give what is",
+        ),
+        (
+            [*SERVICE, "--input", "latin\udce9.jar", "--no-archive"],
+            "--input: 'latin\\udce9.jar' has a name that is not UTF-8, which no Mac has; rename it",
+        ),
         (
             ["--training-seconds", "0"],
             "--training-seconds: '0' is not a time; give a whole number above 0",
+        ),
+        (
+            ["--training-seconds", "9" * 10],
+            f"--training-seconds: '{'9' * 10}' is not a time; give a whole number above 0",
         ),
         (["--executable", "file"], f"--executable: 'file' {NO_PLATFORM}"),
         (
@@ -148,11 +223,21 @@ NO_PLATFORM = "is not for macOS or Linux on amd64 or aarch64; name one that is"
             "name an Orvane.app",
         ),
         (
+            ["--train", "elsewhere/Orvane.app"],
+            "--train: the runtime of 'elsewhere/Orvane.app' is not for this system; "
+            "call this on a machine that it is for",
+        ),
+        (
+            ["--train", "damaged/Orvane.app"],
+            f"--train: 'damaged/Orvane.app/{SERVICE_BUNDLE}/{JRE}/release': No such file or directory; "
+            "name one that is complete",
+        ),
+        (
             ["--train", "empty directory", "--lang", "empty directory"],
             "--lang: has no meaning with --train; leave one out",
         ),
     ],
-    ids=lambda value: " ".join(value) if isinstance(value, list) else "",
+    ids=lambda value: ascii(" ".join(value)) if isinstance(value, list) else "",
 )
 def test_wrong_input_is_one_line_before_anything_is_written(wrong, arguments, line):
     before = sorted(wrong.rglob("*"))
@@ -188,10 +273,62 @@ def test_a_SOURCE_DATE_EPOCH_that_is_no_time_is_rejected(wrong):
     assert run == (1, [line])
 
 
-def test_a_destination_where_nobody_can_write_is_named(wrong):
+@pytest.mark.parametrize(
+    "arguments, problem",
+    [
+        ([*SERVICE, "--input", LONG], f"--input: '{LONG}': File name too long"),
+        (["--conf", LONG], f"--conf: '{LONG}': File name too long"),
+        (["--jdk", LONG], f"--jdk: '{LONG}/bin/java': File name too long"),
+    ],
+    ids=["--input", "--conf", "--jdk"],
+)
+def test_what_the_system_says_of_a_file_is_repeated(wrong, arguments, problem):
+    assert bundle(*arguments, cwd=wrong) == (
+        1,
+        [f"bundle: {problem}; correct that, or name another"],
+    )
+
+
+def test_a_directory_of_jars_that_cannot_be_read_is_named_and_not_passed_over(
+    tmp_path, monkeypatch
+):
+    write_jar(tmp_path / "lib/a.jar", {})
+    (tmp_path / "lib/locked").mkdir()
+    scandir = os.scandir
+
+    def refuse(path):
+        if str(path).endswith("locked"):
+            raise PermissionError(errno.EACCES, os.strerror(errno.EACCES), str(path))
+        return scandir(path)
+
+    monkeypatch.setattr(os, "scandir", refuse)
+    with pytest.raises(UserError) as raised:
+        inputs.named_by([tmp_path / "lib"])
+    assert str(raised.value) == (
+        f"--input: '{tmp_path}/lib/locked': Permission denied; correct that, or name another"
+    )
+
+
+def test_a_destination_below_a_file_is_rejected(wrong):
     run = bundle(*SERVICE, "--no-runtime", "--dest", "file/none", cwd=wrong)
-    line = "bundle: --dest: 'file/none': Not a directory; name another directory"
+    line = "bundle: --dest: 'file' is not a directory; remove it, or name another directory"
     assert run == (1, [line])
+
+
+@pytest.mark.parametrize("release", [b'IMPLEMENTOR="none"\n', b"\xff\xfe"])
+def test_a_JDK_that_does_not_tell_its_version_is_named(wrong, tmp_path, release):
+    wrapped_jdk(tmp_path, "javac", "")
+    (tmp_path / "jdk/release").unlink()
+    (tmp_path / "jdk/release").write_bytes(release)
+    run = bundle("--jdk", tmp_path / "jdk", cwd=wrong)
+    line = f"bundle: --jdk: '{tmp_path}/jdk/release' has no JAVA_VERSION; name one that is complete"
+    assert run == (1, [line])
+
+
+def test_the_VM_s_reason_is_given_and_not_that_it_has_one(wrong):
+    run = bundle(*SERVICE, "--no-archive", "--java-options", "-Xmx32x", cwd=wrong)
+    line = "bundle: --java-options: the linked runtime does not start: Invalid maximum heap size: -Xmx32x"
+    assert (run.status, run.lines[-1]) == (1, line)
 
 
 def test_all_options_are_explained_on_one_screen():

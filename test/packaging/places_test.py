@@ -3,9 +3,11 @@
 import errno
 import os
 import shutil
+import sys
+import types
 
 import pytest
-from bundler import launcher, packing
+from bundler import launcher, main, packing
 from bundler.errors import UserError
 from bundling import MAIN, bundle, call, wrapped_jdk, write_jar, write_script
 from support import ROOT
@@ -50,6 +52,30 @@ def test_a_full_destination_is_named_with_what_it_takes(tmp_path, monkeypatch):
     assert list((tmp_path / "dist").iterdir()) == []
 
 
+def test_a_destination_that_cannot_be_written_is_named_before_anything_is_done(
+    tmp_path, monkeypatch
+):
+    monkeypatch.setattr(os, "access", lambda path, mode: path != tmp_path / "dist")
+    (tmp_path / "dist").mkdir()
+    with pytest.raises(UserError) as raised:
+        packing.check_destination(tmp_path / "dist/2.1", force=False)
+    assert str(raised.value) == (
+        f"--dest: '{tmp_path}/dist' is not writable; make it writable, or name another directory"
+    )
+
+
+def test_a_TMPDIR_whose_programs_cannot_be_executed_is_named(tmp_path, monkeypatch):
+    monkeypatch.setenv("TMPDIR", str(tmp_path))
+    monkeypatch.setattr(os, "statvfs", lambda _: types.SimpleNamespace(f_flag=8))
+    monkeypatch.setattr(os, "ST_NOEXEC", 8, raising=False)
+    with pytest.raises(UserError) as raised, main.work_directory():
+        pass
+    assert str(raised.value) == (
+        f"TMPDIR: programs in '{tmp_path}' cannot be executed, as it is mounted with noexec; "
+        "set TMPDIR to another directory"
+    )
+
+
 def test_a_build_directory_that_cannot_be_written_is_named(tmp_path, monkeypatch):
     monkeypatch.setattr(os, "access", lambda path, mode: path != tmp_path / "build")
     (tmp_path / "build").mkdir()
@@ -84,6 +110,6 @@ def test_a_cmake_that_is_missing_is_named(checkout, tmp_path):
     programs = tmp_path / "programs"
     programs.mkdir()
     (programs / "env").symlink_to(shutil.which("env"))
-    (programs / "python3").symlink_to(shutil.which("python3"))
+    (programs / "python3").symlink_to(sys.executable)
     run = call(checkout / "script/bundle", cwd=tmp_path, PATH=str(programs))
     assert run == (1, ["bundle: there is no cmake; install it, and call again"])

@@ -600,6 +600,23 @@ def test_native_code_inside_jars_is_named_before_anything_is_signed(release):
     assert (status, errors.splitlines(True)[0]) == (0, f"release-macos: warning: {NATIVE}")
 
 
+def test_an_archive_in_a_jar_that_cannot_be_read_is_named_and_passed_over(release):
+    encrypted = bytearray(jar(secret=b"x"))
+    for signature, flags_at in (b"PK\3\4", 6), (b"PK\1\2", 8):
+        encrypted[encrypted.index(signature) + flags_at] |= 1
+    damaged = jar(data=b"what has another checksum").replace(b"another", b"ANOTHER")
+    release.put(RESOURCES + "/lib/a.jar", jar(**{"b.jar": bytes(encrypted), "c.zip": damaged}))
+    status, _, errors = release.run("--dry-run", *DEVELOPER)
+    warning = "release-macos: warning: cannot be read, and may have native code:"
+    assert (status, errors.splitlines()[:2]) == (
+        0,
+        [
+            f"{warning} DIST/Orvane.app/SERVICE/Contents/Resources/lib/a.jar: b.jar: secret",
+            f"{warning} DIST/Orvane.app/SERVICE/Contents/Resources/lib/a.jar: c.zip: data",
+        ],
+    )
+
+
 NOT_A_BUNDLE = "name an Orvane.app that script/bundle has made; DIST/Orvane.app"
 NO_PLATFORM = (
     "DIST/Orvane.app lacks launcher or runtime for macOS, or they have no processor in common; "

@@ -57,9 +57,15 @@ def run(tmp_path, monkeypatch, caplog):
     return run
 
 
-def commands_with(word):
-    listed = subprocess.check_output(["ps", "-axo", "command="], text=True).splitlines()
-    return [line for line in listed if word in line]
+def commands_left(word):
+    """The commands that have this word in them. A process that was killed is listed until it has ended."""
+    deadline = time.monotonic() + 10
+    while True:
+        listed = subprocess.check_output(["ps", "-axo", "command="], text=True).splitlines()
+        found = [line for line in listed if word in line]
+        if not found or time.monotonic() > deadline:
+            return found
+        time.sleep(0.05)
 
 
 def test_the_client_is_started_when_the_main_class_has_been_loaded(run):
@@ -147,7 +153,7 @@ GROUP_OF_ITS_OWN = (
 def test_nothing_of_a_client_that_goes_on_is_left(run, platform, tmp_path, client):
     word = tmp_path.name
     assert len(run(f"load_main\n{WAITS}", client.replace("WORD", word), seconds=1)) == 1
-    assert commands_with(word) == []
+    assert commands_left(word) == []
 
 
 def test_what_service_and_client_leave_is_ended_removed_and_named(run, platform, tmp_path):

@@ -9,7 +9,8 @@ import tempfile
 import time
 
 import pytest
-from bundling import EXECUTABLE, JAVA, bundle, this_platform, write_jar
+from bundler import trial
+from bundling import EXECUTABLE, JAVA, JDK, bundle, this_platform, write_jar
 from support import ROOT
 
 KIND = "linked" if JAVA in (24, 25) else "plain"
@@ -172,3 +173,12 @@ def children_with(word):
     """The commands of the bundler's children that have this word."""
     listed = subprocess.check_output(["ps", "-axo", "command="], text=True).splitlines()
     return sorted(line for line in listed if word in line and "script/bundle" not in line)
+
+
+def test_no_other_option_lets_the_VM_start_when_the_launcher_is_to_print_its_options():
+    run = subprocess.run(
+        [JDK / "bin/java", "-XX:+IgnoreUnrecognizedVMOptions", "-version"],
+        env={**os.environ, "JAVA_TOOL_OPTIONS": trial.REJECTED},
+        capture_output=True,
+    )
+    assert run.returncode == 1

@@ -77,6 +77,20 @@ def test_a_step_fails_with_the_first_command_of_its_function_that_does(checkout)
     assert result.stderr.splitlines()[1].startswith("Building: failed with status 7 after ")
 
 
+def test_a_build_directory_is_configured_again_as_its_preset_may_have_changed(checkout):
+    command(checkout.parent / "bin/cmake", f'echo "$*" >>"{checkout}/calls"\n')
+    command(checkout / "build/release/Makefile", "")
+    (checkout / "build/release/CMakeCache.txt").write_text(
+        f"CMAKE_CACHEFILE_DIR:INTERNAL={checkout}/build/release\n"
+    )
+    result = run(checkout, "bash", "-c", f". '{checkout}/script/lib.sh'; build release")
+    assert (result.returncode, result.stdout) == (0, ""), result
+    assert (checkout / "calls").read_text().splitlines() == [
+        "--preset release",
+        "--build --preset release",
+    ]
+
+
 @pytest.mark.parametrize(
     "failing",
     [
