@@ -415,10 +415,11 @@ def test_wrong_calls_change_nothing_and_the_usage_is_said(machine):
 
 
 # As on a volume without the right to execute, and as macOS kills what it does not trust.
-@pytest.mark.parametrize("program, status", [(b"\x7fELF", 126), (b"#!/bin/sh\nkill -9 $$\n", 137)])
-def test_a_tool_that_cannot_be_executed_is_named(machine, program, status):
+@pytest.mark.parametrize("mode, status", [(0o644, 126), (0o755, 137)])
+def test_a_tool_that_cannot_be_executed_is_named(machine, mode, status):
     app = machine.bundle("1")
-    tool = put(app.parent / CONTENTS / "Resources/operator/operator-tool", program, 0o755)
+    tool = app.parent / CONTENTS / "Resources/operator/operator-tool"
+    put(tool, b"#!/bin/sh\nkill -9 $$\n", mode)
     text = machine.call("1")[1].replace(str(tool), "TOOL").splitlines()[-1]
     assert text == (
         f"install: SOURCE/{tool.relative_to(app)} cannot be executed, status {status}: if it is "
