@@ -87,6 +87,13 @@ info() { # CONTENTS-DIRECTORY KEY
 }
 version() { info "$1/$inner" CFBundleShortVersionString; }
 
+# Whether an access control list allows others to change what find finds. A name with a line feed can add an entry
+# here, and hide none.
+has_access_list() { # PATH [FIND-ARGUMENT...]
+    find "$@" -exec ls -lden {} + 2>/dev/null |
+        grep -Eq '^ [0-9]+: .* allow .*(write|append|delete|add_|chown)'
+}
+
 # The property list of the bundle's job for this installation. An agent's names the user's home directory.
 job_of() { # BUNDLE
     local text
@@ -198,11 +205,28 @@ choose_installation() { # [USER]
     set_places "$HOME"
 }
 
+# Whether only root may write to the directories above $kept. Whoever else may could replace it at any moment. An
+# agent is as safe as its user's account.
+is_above_only_roots() {
+    local directory
+    if [ -n "$home" ]; then return 0; fi
+    for directory in / /Library "$support"; do
+        exists "$directory" || continue
+        if [ -n "$(find "$directory" -prune '(' ! -type d -o ! -user 0 -o -perm -020 -o -perm -002 ')')" ] ||
+            has_access_list "$directory" -prune; then
+            reason="others may write to $directory: chown root, chmod go-w, chmod -N"
+            return 1
+        fi
+    done
+}
+
 # The directory in which only the owner may write: the lock, the version kept, and what a call is at work on.
 make_kept_directory() {
     mkdir -p "$support" || return
     if [ ! -d "$kept" ]; then mkdir -m 700 "$kept" || return; fi
-    [ ! -L "$kept" ] && [ -O "$kept" ] && chmod 700 "$kept"
+    if [ -L "$kept" ] || [ ! -O "$kept" ]; then return 1; fi
+    # An access list that it has inherited would let others in, and be passed on to what is written there.
+    chmod 700 "$kept" && chmod -N "$kept"
 }
 
 # Calls the script again with the lock. All that it starts inherits the lock, on descriptor 9: as long as something
@@ -210,6 +234,12 @@ make_kept_directory() {
 # that has begun ends. What limited starts gets their default actions again.
 call_with_lock() { # [ARGUMENT...]
     local status
+    "$tool" >/dev/null 2>&1
+    status=$? # that of a wrong call, unless it cannot be executed at all
+    if [ "$status" != 2 ]; then
+        refuse "$tool cannot be executed, status $status: if it is quarantined or not signed, macOS kills it"
+    fi
+    is_above_only_roots || refuse "$reason"
     make_kept_directory || refuse "$kept must be a directory that the caller owns: remove it"
     trap '' HUP INT QUIT TERM PIPE TSTP TTOU TTIN ALRM USR1 USR2
     STAGE="locked $$" "$tool" lock "$kept/lock" "$lock_limit" /bin/bash -p "$here/$me" "$@"

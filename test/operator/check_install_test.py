@@ -363,6 +363,11 @@ CORRECT = [
         "no line feed at the end of the override file",
         "printf -- '-Xmx0x40000000\\n-Xmx1G\\n-Dorv.security.mode=' >$ARGS",
     ),
+    Fault(
+        6,
+        "started again by hand after it has ended with 0",
+        lambda machine: setattr(machine.loaded(), "ended", "last exit code = 0"),
+    ),
 ]
 
 

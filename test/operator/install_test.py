@@ -216,13 +216,36 @@ def test_only_the_owner_may_write_what_is_installed_whatever_the_caller_has_set(
     assert "JAVA" not in (MAC / "environment").read_text()
 
 
+# Which a directory inherits from the one above it, and passes on to the job's file.
+def test_no_access_list_gives_others_the_directory_in_which_root_works(machine):
+    machine.good("1")
+    assert (MAC / "lists").read_text().splitlines()[0] == str(machine.kept)
+
+
+# Who may write there could put another directory in the place of the one in which root works.
+@pytest.mark.parametrize("change", ["chmod 775", "chmod 757", "an access list"])
+def test_root_works_in_no_directory_that_others_may_replace(machine, change):
+    app = machine.bundle("1")
+    if change == "an access list":
+        machine.access_list(machine.support)
+    else:
+        machine.sh(f"{change} $SUPPORT")
+    for name in "install", "uninstall":
+        assert machine.call(app, name=name) == (
+            1,
+            f"{name}: others may write to SUPPORT: chown root, chmod go-w, chmod -N; nothing was changed\n",
+        )
+    assert (machine.seen(), machine.kept.exists()) == (NOTHING, False)
+
+
 def test_access_lists_and_modes_of_what_a_link_leads_to_stay(machine):
     app = machine.bundle("1", team="")
     outside = put(MAC / "outside", b"", 0o666)
     (app / "Contents/link").symlink_to(outside)
     assert machine.call("1")[0] == 0
     cleared = (MAC / "lists").read_text().splitlines()
-    assert {path for path in cleared if "/Orvane/new/Orvane.app" not in path} == set()
+    elsewhere = {path for path in cleared if "/Orvane/new/Orvane.app" not in path}
+    assert elsewhere == {str(machine.kept)}
     assert f"{machine.kept}/new/Orvane.app/Contents/Info.plist" in cleared
     assert not any(path.endswith("/link") for path in cleared)
     assert stat.S_IMODE(outside.stat().st_mode) == 0o666
@@ -328,6 +351,15 @@ def test_uninstall_removes_all_and_keeps_the_data_by_default(machine):
     assert outside.read_bytes() == b"kept"
 
 
+def test_an_uninstall_of_which_the_receipt_is_not_known_is_not_done(machine):
+    machine.limits["pkgutil_limit"] = 1
+    machine.good("1")
+    machine.stand_in("pkgutil", "exec sleep 1000")
+    status, text = machine.call(machine.app, name="uninstall")
+    message = "uninstall: pkgutil does not end within 1 s; call again"
+    assert (status, text.splitlines()[-1], machine.app.exists()) == (1, message, True)
+
+
 # Whatever cannot be removed, the installed script is still there, to be called again.
 @pytest.mark.parametrize("step", ["job", "former", "Quillrest", "app"])
 def test_an_uninstall_that_fails_can_be_called_again(machine, step):
@@ -380,6 +412,19 @@ def test_wrong_calls_change_nothing_and_the_usage_is_said(machine):
             f"install: {link.parent} is not in an Orvane.app; call the script where the bundle has it\n"
         )
     assert machine.seen() == ("1", "1", None, set())
+
+
+# As on a volume without the right to execute, and as macOS kills what it does not trust.
+@pytest.mark.parametrize("mode, status", [(0o644, 126), (0o755, 137)])
+def test_a_tool_that_cannot_be_executed_is_named(machine, mode, status):
+    app = machine.bundle("1")
+    tool = app.parent / CONTENTS / "Resources/operator/operator-tool"
+    put(tool, b"#!/bin/sh\nkill -9 $$\n", mode)
+    text = machine.call("1")[1].replace(str(tool), "TOOL").splitlines()[-1]
+    assert text == (
+        f"install: SOURCE/{tool.relative_to(app)} cannot be executed, status {status}: if it is "
+        "quarantined or not signed, macOS kills it; nothing was changed"
+    )
 
 
 @pytest.mark.parametrize("kind", ["touch", "mkfifo", "ln -s /tmp"])

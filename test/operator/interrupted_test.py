@@ -4,6 +4,7 @@ of concurrent pairs; with 10 or more, every step of every call is tried."""
 
 import os
 import random
+import re
 import signal
 import subprocess
 import time
@@ -121,6 +122,19 @@ def test_a_version_that_came_up_before_the_kill_stays(machine):
     machine.steps()
     assert machine.install("3", "crashes")[0] == 3
     assert machine.seen() == ("2", "2", "1", set())
+
+
+# Repeated after a kill, it does not exchange the two a second time, and does not stop once it has undone.
+@pytest.mark.parametrize("step", UPGRADE[5:])
+def test_a_rollback_that_was_killed_is_repeated_and_not_reversed(machine, step):
+    machine.good("1", "2")
+    machine.at(step, after="kill -9 $PPID")
+    assert machine.call("2", "--rollback")[0] == KILLED
+    machine.steps()
+    if step != UPGRADE[-1]:
+        status, text = machine.call("2", "--rollback")
+        assert (status, re.split("[;.]", text.splitlines()[-1])[0]) == (0, "Version 1 is installed")
+    assert machine.seen()[:3] == ("1", "1", "2")
 
 
 # The old version runs from elsewhere then, and the next boot would start the new one.
