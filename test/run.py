@@ -112,6 +112,9 @@ def main(suite, *arguments):
     scratch = BUILD_DIR / "pytest" / suite
     scratch.parent.mkdir(parents=True, exist_ok=True)
     os.environ["BUILD_DIR"] = str(BUILD_DIR)
+    javac = shutil.which("javac")
+    if javac and not os.environ.get("JAVA_HOME"):  # which ctest sets
+        os.environ["JAVA_HOME"] = str(pathlib.Path(javac).resolve().parents[1])
     place, start, reason = decide(suite)
     os.environ["TEST_JOURNAL"] = "/tmp/journal" if start[:1] == ["bwrap"] else str(JOURNAL)
     if reason:
