@@ -112,6 +112,10 @@ def main(suite, *arguments):
     scratch = BUILD_DIR / "pytest" / suite
     scratch.parent.mkdir(parents=True, exist_ok=True)
     os.environ["BUILD_DIR"] = str(BUILD_DIR)
+    if not os.environ.get("JAVA_HOME"):  # which ctest sets
+        jdk = pathlib.Path(shutil.which("javac") or "/").resolve().parent.parent
+        if (jdk / "release").is_file():  # macOS has a javac that belongs to none
+            os.environ["JAVA_HOME"] = str(jdk)
     place, start, reason = decide(suite)
     os.environ["TEST_JOURNAL"] = "/tmp/journal" if start[:1] == ["bwrap"] else str(JOURNAL)
     if reason:
