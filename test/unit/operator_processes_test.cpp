@@ -56,14 +56,15 @@ TEST_F(Processes, The_limit_holds_whatever_the_command_does) {
         {"it has gone to another group", R"(tool limit 1 python3 -c 'import os, signal, time
 signal.signal(signal.SIGTERM, signal.SIG_IGN)
 os.setpgid(0, os.getpgid(os.getppid()))
-time.sleep(100)'; echo $?)",
-         end("python3")},
+print(os.getpid(), file=open("gone", "w"))
+time.sleep(100)'; echo $?; kill -0 $(cat gone) 2>/dev/null || echo gone)",
+         end("python3") + "gone\n"},
         {"it has put another into another group, which is neither reached nor waited for",
          R"(tool limit 1 bash -c 'set -m; sleep 20 >/dev/null 2>&1 & echo $! >pid; wait'
             echo $?; kill $(cat pid) && echo left)",
          end("bash") + "left\n"},
         {"it has a limit of its own",
-         R"(tool limit 1 sh -c '"$tool" limit 50 sh -c "trap : TERM; sleep 100 & wait; wait"'; echo $?)",
+         R"(tool limit 1 sh -c '"$tool" limit 50 sh -c "trap \"\" TERM; sleep 100 & wait; wait"'; echo $?)",
          end("sh")},
         {"the tool is killed",
          R"("$tool" limit 1 sleep 100 & sleep 0.5; kill -KILL $!; { wait $!; } 2>/dev/null; echo $?)",
@@ -106,9 +107,10 @@ TEST_F(Processes, What_the_caller_ignores_can_still_end_the_command_and_not_the_
     EXPECT_EQ(sh("trap '' HUP INT QUIT TERM PIPE CHLD TSTP\n"
                  "for signal in HUP INT TERM PIPE; do\n"
                  "    tool limit 9 sh -c \"kill -$signal \\$\\$; echo survives\"; echo $?\n"
-                 "    tool limit 9 sh -c \"kill -$signal \\$PPID; exit 7\"; echo $?\n"
-                 "done"),
-              "129\n7\n130\n7\n143\n7\n141\n7\n");
+                 "done\n"
+                 "tool limit 9 sh -c 'kill -HUP $PPID; kill -INT $PPID; kill -TERM $PPID\n"
+                 "    sleep 0.5; exit 7'; echo $?"),
+              "129\n130\n143\n141\n7\n");
 }
 
 TEST_F(Processes, Signals_that_the_caller_blocks_still_end_the_waiting) {
