@@ -13,9 +13,11 @@ from .errors import UserError
 
 log = logging.getLogger(__name__)
 
-# What java adds to the VM's own line about an error.
+# What java and the VM print around the reason for which the VM does not start.
 VM_FAILED = re.compile(
-    "Error: (Could not create the Java Virtual Machine|A fatal exception has occ)"
+    "Error: Could not create the Java Virtual Machine"
+    "|Error: A fatal exception has occurred"
+    "|Error occurred during initialization of VM"
 )
 
 

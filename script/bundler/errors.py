@@ -17,7 +17,7 @@ class UserError(Exception):
 
 @contextlib.contextmanager
 def file_errors(option, remedy=""):
-    """Turns an error about a file that this option names into one line. A full disk is another matter."""
+    """Turns an error about a file that this option names into one line. A full disk is left to full_disk."""
     try:
         yield
     except OSError as error:

@@ -33,6 +33,8 @@ class Jar:
 def find_jars(main_jar, inputs, archived):
     """{name below Resources/lib: file}, in the order of the class path: the service's jar first."""
     jars = without_links([Jar(main_jar.name, main_jar, "--main-jar"), *named_by(inputs)])
+    for jar in jars:
+        check_encoding(jar)
     contents = [read_jar(jar) for jar in jars]
     check_main_class(jars[0], contents[0][0])
     if archived:
@@ -108,6 +110,14 @@ def without_links(jars):
     return kept
 
 
+def check_encoding(jar):
+    """Raises if the name is not UTF-8: Python has surrogates in place of such bytes."""
+    if re.search("[\ud800-\udfff]", jar.name):
+        raise UserError(
+            f"{jar.option}: '{jar.file}' has a name that is not UTF-8, which no Mac has", "rename it"
+        )
+
+
 def read_jar(jar):
     """The names of the jar's entries, and its manifest."""
     try:
@@ -150,15 +160,9 @@ def check_name_for_archive(jar):
 
 
 def check_names(jars):
-    """No two jars are one file on macOS, none has a name that it does not allow, and none takes the place
-    of the jar that lists them."""
+    """No two jars are one file on macOS, and none takes the place of the jar that lists them."""
     taken = {}
     for jar in jars:
-        if not is_utf8(jar.name):
-            raise UserError(
-                f"{jar.option}: '{jar.file}' has a name that is not UTF-8, which no Mac has",
-                "rename it",
-            )
         other = taken.setdefault(jar.name.lower(), jar)
         if other is not jar:
             raise UserError(
@@ -170,11 +174,6 @@ def check_names(jars):
                 f"{jar.option}: '{jar.file}' has the name of the jar that lists the others",
                 "rename it",
             )
-
-
-def is_utf8(text):
-    """Whether a text of the command line, or a file's name, had no other bytes."""
-    return not re.search("[\ud800-\udfff]", text)
 
 
 def check_destination_apart(app, sources):

@@ -79,7 +79,7 @@ def work_directory():
 
 
 def make_bundle(given, plan, epoch):
-    """Makes Orvane.app in a work directory, and puts it in its place when it is whole."""
+    """Makes Orvane.app in a work directory, and puts it in its place when it is complete."""
     # Check the input.
     sources = {
         "--input": given.input,

@@ -51,7 +51,7 @@ def copy_classes(jar, copy, feature):
 
 def modules_referred_to(jars, jdk):
     """What jdeps finds, among its warnings. Of jars among which one cannot be analysed it finds nothing:
-    that one is found by halves, and passed over."""
+    the list is bisected until that one is alone, which is passed over."""
     ended = run(jdk.tool("jdeps", "-s", *jars))
     if ended.returncode == 0:
         return jdk.modules & set(re.findall(r" -> (\S+)$", ended.stdout, re.M))

@@ -37,7 +37,7 @@ def check_destination(dest, force):
 
 @contextlib.contextmanager
 def staging_directory(dest):
-    """A directory beside the bundle, for what is renamed into place when it is whole."""
+    """A directory beside the bundle, for what is renamed into place when it is complete."""
     dest.mkdir(parents=True, exist_ok=True)
     with tempfile.TemporaryDirectory(prefix=".Orvane.app-", dir=dest) as staging:
         yield pathlib.Path(staging)

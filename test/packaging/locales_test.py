@@ -28,6 +28,7 @@ def test_tags_of_languages_that_the_JDK_has_are_right(jdk, tags):
         ("de, fr,e n", "e n"),
         ("de,,fr", ""),
         ("zh-Latin", "zh-Latin"),
+        ("de_DE", "de_DE"),
     ],
 )
 def test_a_tag_that_the_JDK_has_no_data_for_is_named(jdk, tags, wrong):

@@ -512,6 +512,17 @@ def test_a_release_that_is_interrupted_leaves_nothing(release, number):
     assert (process.returncode, release.made()) == (128 + number, ["Orvane.app"])
 
 
+def test_a_release_that_is_interrupted_while_it_reads_the_bundle_ends_without_a_traceback(release):
+    properties = release.app / "Contents/Info.plist"
+    properties.unlink()
+    os.mkfifo(properties)
+    with release.start_script(*DEVELOPER) as process:
+        with properties.open("wb"):  # waits until the script reads it
+            process.send_signal(signal.SIGINT)
+            _, errors = process.communicate(timeout=30)
+    assert (process.returncode, errors) == (128 + signal.SIGINT, "")
+
+
 # ----------------------------------------------------------------------- what is read of a bundle
 
 
