@@ -308,6 +308,19 @@ def test_a_launchctl_that_falls_silent_after_the_stop_is_said(machine):
     assert machine.seen() == ("2", "2", "1", set())
 
 
+@pytest.mark.parametrize("command", ["bootout", "bootstrap"])
+def test_a_launchctl_that_does_its_work_and_does_not_return_costs_nothing(machine, command):
+    machine.limits.update(launchctl_limit=1, bootout_limit=1)
+    machine.good("1")
+    (MAC / "bin/launchctl").rename(MAC / "launchctl")
+    machine.stand_in(
+        "launchctl",
+        f'[ $1 = {command} ] || exec {MAC}/launchctl "$@"\n{MAC}/launchctl "$@"\nexec sleep 1000',
+    )
+    status, text = machine.install("2")
+    assert (status, machine.seen()) == (0, ("2", "2", "1", set())), text
+
+
 def test_the_template_of_the_bundle_serves_where_the_job_is_missing(machine):
     machine.good("1")
     job = machine.job.read_bytes()
