@@ -24,6 +24,7 @@ SIGTERM_STATUS = 143, -signal.SIGTERM
 STOP_SECONDS = 60  # after SIGTERM, as an installed service has
 CLIENT_SECONDS = 5  # for the client to end after the service
 CAUSE_SECONDS = 2  # for a service whose client has failed to end, too
+QUIET_SECONDS = 1  # without a loaded class, after which a service counts as ready
 LINES = 12  # of the service's output in a message
 
 
@@ -89,6 +90,8 @@ class ServiceRun:
         try:
             self.start_service()
             self.end = self.wait(start + self.plan.seconds)
+            if self.end is End.CLIENT and not self.client.returncode:
+                self.let_the_service_load(start + self.plan.seconds)
             self.seconds = time.monotonic() - start
             self.let_the_other_end()
             if self.client:
@@ -133,6 +136,17 @@ class ServiceRun:
                 return End.LIMIT
             if self.plan.client and not self.client and self.main_class.shows():
                 self.start_client()
+            time.sleep(0.05)
+
+    def let_the_service_load(self, deadline):
+        """A client can succeed before the service is ready: it does not wait, or another program answers at
+        the same port. What the service loads afterwards must not be missed."""
+        size, since = -1, time.monotonic()
+        while time.monotonic() < min(deadline, since + QUIET_SECONDS):
+            if self.service.poll() is not None or self.exception.shows():
+                return
+            if self.main_class.path.stat().st_size != size:
+                size, since = self.main_class.path.stat().st_size, time.monotonic()
             time.sleep(0.05)
 
     def let_the_other_end(self):

@@ -34,9 +34,10 @@ def platform(request, monkeypatch):
 @pytest.fixture
 def run(tmp_path, monkeypatch, caplog):
     """Runs a service, the body of a shell script, and a client; the lines of the error, if any, and its
-    output before it. The lines that were logged are in run.logged."""
+    output before it. The lines that were logged are in run.logged, the classes in run.classes."""
     monkeypatch.setattr(service, "CLIENT_SECONDS", 0.6)
     monkeypatch.setattr(service, "CAUSE_SECONDS", 0.6)
+    monkeypatch.setattr(service, "QUIET_SECONDS", 0.6)
 
     def run(body, client=None, seconds=60):
         macos = tmp_path / "Contents/MacOS"
@@ -47,7 +48,7 @@ def run(tmp_path, monkeypatch, caplog):
         trial = Trial(tmp_path / "Contents", tmp_path / "work", Plan((), client, seconds))
         with caplog.at_level(logging.INFO):
             try:
-                trial.run_service("training", "give what is right")
+                run.classes = trial.run_service("training", "give what is right").loaded_classes()
                 error = []
             except UserError as raised:
                 error = [*raised.printed, str(raised)]
@@ -70,6 +71,14 @@ def commands_left(word):
 
 def test_the_client_is_started_when_the_main_class_has_been_loaded(run):
     assert run(f'sleep 0.5\ntouch "$TMPDIR/up"\nload_main\n{WAITS}', '[ -e "$TMPDIR/up" ]') == []
+
+
+def test_a_client_that_ends_at_once_does_not_end_a_service_that_loads_more(run):
+    body = "load_main\n"
+    for name in "first.First", "last.Last":
+        body += f'sleep 0.4\necho "{name} source: jrt:/java.sql" >>"$trace"\n'
+    assert run(body + WAITS, "true") == []
+    assert list(run.classes) == ["com.vaultory.service.QRService", "first.First", "last.Last"]
 
 
 def test_a_run_that_ends_before_the_main_class_is_loaded_has_failed(run):
