@@ -114,7 +114,8 @@ def check_encoding(jar):
     """Raises if the name is not UTF-8: Python has surrogates in place of such bytes."""
     if re.search("[\ud800-\udfff]", jar.name):
         raise UserError(
-            f"{jar.option}: '{jar.file}' has a name that is not UTF-8, which no Mac has", "rename it"
+            f"{jar.option}: '{jar.file}' has a name that is not UTF-8, which no Mac has",
+            "rename it",
         )
 
 
