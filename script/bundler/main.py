@@ -10,13 +10,14 @@ import tempfile
 
 from . import inputs, modules, options, packing, processes, sample
 from .archive import check_archive, make_archive
+from .commands import run
 from .errors import UserError, copy_tree, file_errors, full_disk
 from .jdk import check_java_options, check_modules, feature_version, find_jdk, modules_of
 from .launcher import build_launcher, project_version
 from .layout import SERVICE, Directories, Product
 from .layout import is_signed, make_layout, normalize, operator_tool_beside
 from .locales import check_locales
-from .platforms import JVM_LIBRARY, target_of
+from .platforms import target_of
 from .runtime import Wanted, link_runtime
 from .service import Plan
 from .training import train
@@ -189,6 +190,17 @@ def log_outside(files):
         log.warning("Not in the bundle, though classes come from there: %s", file)
 
 
+def check_starts_here(app, runtime):
+    """Raises if the system cannot execute the runtime's java. A java that fails has its say later."""
+    try:
+        run([runtime / "bin/java", "-version"])
+    except UserError as error:
+        raise UserError(
+            f"--train: the runtime of '{app}' is not for this system",
+            "call this on a machine that it is for",
+        ) from error
+
+
 def train_bundle(app, plan, force):
     """Makes the archive of a bundle in a copy of it, with its own runtime in place of the JDK."""
     contents = app / SERVICE
@@ -204,15 +216,11 @@ def train_bundle(app, plan, force):
             f"--train: '{app}' is signed, which an archive breaks",
             "add --force, and sign it again",
         )
-    if not (server / JVM_LIBRARY).is_file():
-        raise UserError(
-            f"--train: the runtime of '{app}' is not for this system",
-            "call this on a machine that it is for",
-        )
     if not os.access(server, os.W_OK):
         raise UserError(f"--train: '{server}' is not writable", "call this as its owner")
     installed = contents / "Resources/jre"
     feature, names = feature_version("--train", installed), modules_of("--train", installed)
+    check_starts_here(app, installed)
     with work_directory() as work:
         copy = work / "Contents"
         with file_errors("--train"):

@@ -10,7 +10,6 @@ import pytest
 from bundler import commands, inputs
 from bundler.errors import UserError
 from bundler.layout import SERVICE as SERVICE_BUNDLE
-from bundler.platforms import JVM_LIBRARY
 from bundling import (
     ARM64,
     EXECUTABLE,
@@ -67,7 +66,9 @@ def wrong(tmp_path_factory, classes):
     for app in "elsewhere/Orvane.app", "damaged/Orvane.app":
         for file in programs:
             touch(directory / app / SERVICE_BUNDLE / file)
-    touch(directory / "damaged/Orvane.app" / SERVICE_BUNDLE / JRE / "lib/server" / JVM_LIBRARY)
+        (directory / app / SERVICE_BUNDLE / JRE / "lib/server").mkdir(parents=True)
+    release = directory / "elsewhere/Orvane.app" / SERVICE_BUNDLE / JRE / "release"
+    release.write_text('JAVA_VERSION="17"\nMODULES="java.base"\n')
     with zipfile.ZipFile(directory / "jmods/java.base.jmod", "w") as jmod:
         jmod.writestr("lib/server/libjvm.dylib", mach_o(X86_64))
     (directory / "apple-silicon").write_bytes(mach_o(ARM64))

@@ -32,7 +32,7 @@ public:
     /// What a script of the shell prints on both channels; "tool" calls the program that was built,
     /// and "$tool" is its path, to start it in the background: $! is its number then.
     static std::string sh(const std::string& script) {
-        const std::string tool = "tool=" OPERATOR_TOOL "\ntool() { \"$tool\" \"$@\"; }\n";
+        const std::string tool = "tool='" OPERATOR_TOOL "'\ntool() { \"$tool\" \"$@\"; }\n";
         const std::string command = "exec 2>&1 </dev/null\nexport tool\n" + tool + script;
         std::string printed;
         FILE* const stream = popen(command.c_str(), "r");
