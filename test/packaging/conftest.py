@@ -1,3 +1,5 @@
+import tempfile
+import os
 import pathlib
 import subprocess
 import sys
@@ -22,6 +24,13 @@ pwd >client-ran
 
 def javac(*arguments):
     subprocess.run([JDK / "bin/javac", "-nowarn", "-Xlint:-options", *arguments], check=True)
+
+
+@pytest.fixture
+def path_without_space():
+    """A directory such as the bundler makes for its runs: a VM option that names a file takes no space."""
+    with tempfile.TemporaryDirectory(prefix="bundler-", dir=os.path.realpath("/tmp")) as directory:
+        yield pathlib.Path(directory)
 
 
 @pytest.fixture(scope="session")

@@ -24,18 +24,20 @@ def checkout(tmp_path):
     return copy
 
 
-def test_a_full_TMPDIR_is_named_and_not_the_tool_that_met_it(tmp_path, classes):
-    write_jar(tmp_path / "service.jar", {MAIN: classes[MAIN]})
+def test_a_full_TMPDIR_is_named_and_not_the_tool_that_met_it(path_without_space, classes):
+    write_jar(path_without_space / "service.jar", {MAIN: classes[MAIN]})
     wrapped_jdk(
-        tmp_path, "jlink", "echo 'Error: java.io.IOException: No space left on device'; exit 1"
+        path_without_space,
+        "jlink",
+        "echo 'Error: java.io.IOException: No space left on device'; exit 1",
     )
-    (tmp_path / "work").mkdir()
+    (path_without_space / "work").mkdir()
     arguments = "--main-jar", "service.jar", "--jdk", "jdk", "--no-archive"
-    run = bundle(*arguments, cwd=tmp_path, TMPDIR=str(tmp_path / "work"))
+    run = bundle(*arguments, cwd=path_without_space, TMPDIR=str(path_without_space / "work"))
     assert (run.status, run.lines[-1]) == (
         1,
-        f"bundle: TMPDIR: no space is left in '{tmp_path}/work'; free 300 MB there, or set TMPDIR to "
-        "another directory",
+        f"bundle: TMPDIR: no space is left in '{path_without_space}/work'; free 300 MB there, or "
+        "set TMPDIR to another directory",
     )
 
 
@@ -64,14 +66,14 @@ def test_a_destination_that_cannot_be_written_is_named_before_anything_is_done(
     )
 
 
-def test_a_TMPDIR_whose_programs_cannot_be_executed_is_named(tmp_path, monkeypatch):
-    monkeypatch.setenv("TMPDIR", str(tmp_path))
+def test_a_TMPDIR_whose_programs_cannot_be_executed_is_named(path_without_space, monkeypatch):
+    monkeypatch.setenv("TMPDIR", str(path_without_space))
     monkeypatch.setattr(os, "statvfs", lambda _: types.SimpleNamespace(f_flag=8))
     monkeypatch.setattr(os, "ST_NOEXEC", 8, raising=False)
     with pytest.raises(UserError) as raised, main.work_directory():
         pass
     assert str(raised.value) == (
-        f"TMPDIR: programs in '{tmp_path}' cannot be executed, as it is mounted with noexec; "
+        f"TMPDIR: programs in '{path_without_space}' cannot be executed, as it is mounted with noexec; "
         "set TMPDIR to another directory"
     )
 

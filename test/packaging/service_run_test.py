@@ -23,6 +23,11 @@ load_main() { echo "com.vaultory.service.QRService source: file:../Resources/lib
 WAITS = "exec sleep 1000\n"
 
 
+@pytest.fixture
+def tmp_path(path_without_space):
+    return path_without_space
+
+
 @pytest.fixture(params=[sys.platform, "darwin"] if LINUX else ["darwin"])
 def platform(request, monkeypatch):
     """Processes are found as on this system, and as on a Mac, which hides their environments."""
