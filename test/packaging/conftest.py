@@ -1,9 +1,9 @@
-import tempfile
 import os
 import pathlib
 import subprocess
 import sys
 import tarfile
+import tempfile
 import types
 
 import pytest
