@@ -37,7 +37,7 @@ ENVIRONMENT = {"PATH": "/nonexistent", "LC_ALL": "C.UTF-8"}
 WARM_UP_ROUNDS = 2
 FEWEST_ROUNDS = 10
 MOST_ROUNDS = 100
-SECONDS_PER_RACE = 90  # after which there are no more rounds than the fewest
+SECONDS_PER_RACE = 40  # after which there are no more rounds than the fewest
 
 # What jpackage passes to jlink itself, without --strip-native-commands: jlink archives classes with the
 # runtime's `java`.
